@@ -1,0 +1,54 @@
+// Shared pieces of the zelvarpack command-line tool: argument walking, input
+// reading and the byte-exact JSON string form used by every subcommand.
+#ifndef ZELVARPACK_TOOLS_CLI_H_
+#define ZELVARPACK_TOOLS_CLI_H_
+
+#include <cstddef>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace zelvarpack::cli {
+
+// Thrown for bad usage or unreadable input; main prints the message on one
+// line and exits with status 2.
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// Walks a subcommand's arguments: options first or mixed with operands.
+class Arguments {
+ public:
+  Arguments(int argc, char** argv, int first);
+  bool Done() const { return next_ >= args_.size(); }
+  // The next argument, consumed.
+  std::string Take();
+  // The value of an option that needs one ("--state rcdata").
+  std::string TakeValue(const std::string& option);
+  static bool IsOption(const std::string& arg) { return arg.size() > 1 && arg[0] == '-'; }
+
+ private:
+  std::vector<std::string> args_;
+  std::size_t next_ = 0;
+};
+
+// The whole of FILE, or of standard input when path is empty or "-".
+std::string ReadInput(const std::string& path);
+
+// A JSON string of raw bytes: 0x20-0x7E stand for themselves (with \" and \\
+// escaped), every other byte b is written \u00XX, so each code point maps
+// back to exactly one byte.
+void AppendJsonString(std::string& out, const unsigned char* bytes, std::size_t count);
+void AppendJsonString(std::string& out, const std::string& bytes);
+
+[[noreturn]] void Fail(const std::string& message);
+
+}  // namespace zelvarpack::cli
+
+// Subcommands; each returns the process exit status.
+int RunHtmlTokens(zelvarpack::cli::Arguments& args);
+int RunMeta(zelvarpack::cli::Arguments& args);
+int RunId(zelvarpack::cli::Arguments& args);
+
+#endif  // ZELVARPACK_TOOLS_CLI_H_

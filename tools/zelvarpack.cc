@@ -1,0 +1,52 @@
+// zelvarpack: the command-line face of the engine.
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <string>
+
+#include "tools/cli.h"
+
+namespace {
+
+constexpr char kUsage[] =
+    "usage: zelvarpack <command> [options]\n"
+    "commands:\n"
+    "  html-tokens [--constructor] [--state data|rcdata|rawtext|script|plaintext]\n"
+    "              [--last-start-tag NAME] [FILE]   print the HTML token stream as JSON lines\n"
+    "  meta [FILE]                                  1 if the page declares itself text/html\n"
+    "  id --number N | --content FILE               print an identifier\n";
+
+struct Command {
+  const char* name;
+  int (*run)(zelvarpack::cli::Arguments&);
+};
+
+constexpr Command kCommands[] = {
+    {"html-tokens", RunHtmlTokens},
+    {"meta", RunMeta},
+    {"id", RunId},
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2 || std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0) {
+    std::fputs(kUsage, argc < 2 ? stderr : stdout);
+    return argc < 2 ? 2 : 0;
+  }
+  for (const Command& command : kCommands) {
+    if (std::strcmp(argv[1], command.name) != 0) continue;
+    try {
+      zelvarpack::cli::Arguments args(argc, argv, 2);
+      return command.run(args);
+    } catch (const zelvarpack::cli::UsageError& error) {
+      std::fprintf(stderr, "zelvarpack %s: %s\n", command.name, error.what());
+      return 2;
+    } catch (const std::exception& error) {
+      std::fprintf(stderr, "zelvarpack %s: %s\n", command.name, error.what());
+      return 1;
+    }
+  }
+  std::fprintf(stderr, "zelvarpack: unknown command '%s' (try --help)\n", argv[1]);
+  return 2;
+}
