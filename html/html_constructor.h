@@ -25,6 +25,9 @@ class CHtmlConstructor : public CHtmlTokenizerEvents {
   // 1 until a DOCTYPE decides otherwise.
   unsigned char quirksMode = 1;
   HtmlTokenizer* tokenizer;
+
+ private:
+  void DecideQuirksMode(const HtmlDoctypeToken& doctype);
 };
 
 #endif  // ZELVARPACK_HTML_HTML_CONSTRUCTOR_H_

@@ -36,9 +36,9 @@ class Arguments {
 // The whole of FILE, or of standard input when path is empty or "-".
 std::string ReadInput(const std::string& path);
 
-// A JSON string of raw bytes: 0x20-0x7E stand for themselves (with \" and \\
-// escaped), every other byte b is written \u00XX, so each code point maps
-// back to exactly one byte.
+// A JSON string of raw bytes: 0x20-0x7E stand for themselves (quote and
+// backslash escaped), every other byte b is written \u00XX, so each code
+// point maps back to exactly one byte.
 void AppendJsonString(std::string& out, const unsigned char* bytes, std::size_t count);
 void AppendJsonString(std::string& out, const std::string& bytes);
 

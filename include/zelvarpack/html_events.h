@@ -67,7 +67,13 @@ class ZP_EXPORT HtmlString {
   std::int32_t capacity;
 
  private:
+  static constexpr std::int32_t kInlineCapacity = 50;
+
   void Grow(std::size_t extra);
+
+  // Short strings (most names and values) live here; longer ones move to the
+  // heap and keep their block when cleared.
+  unsigned char inline_[kInlineCapacity];
 };
 
 // One unit of character data (normally one byte) or one whole comment.
