@@ -21,7 +21,8 @@ std::string NaiveDecode(std::string text) {
   const std::pair<std::string, std::string> passes[] = {
       {"&amp;", "&"}, {"&gt;", ">"}, {"&lt;", "<"}, {"&quot;", "\""}};
   for (const auto& [from, to] : passes) {
-    for (std::size_t at; (at = text.find(from)) != std::string::npos;) text.replace(at, from.size(), to);
+    for (std::size_t at; (at = text.find(from)) != std::string::npos;)
+      text.replace(at, from.size(), to);
   }
   return text;
 }

@@ -18,9 +18,9 @@ std::string Text(CZelvarBuffer& buffer) {
 }
 
 std::string Compress(const std::string& bytes, bool raw, bool gzip) {
-  std::unique_ptr<CZelvarBuffer> out(
-      CZelvarUtils::CompressBuffer(reinterpret_cast<unsigned char*>(const_cast<char*>(bytes.data())),
-                                   static_cast<std::int32_t>(bytes.size()), raw, gzip));
+  std::unique_ptr<CZelvarBuffer> out(CZelvarUtils::CompressBuffer(
+      reinterpret_cast<unsigned char*>(const_cast<char*>(bytes.data())),
+      static_cast<std::int32_t>(bytes.size()), raw, gzip));
   return Text(*out);
 }
 
@@ -33,7 +33,8 @@ std::string Decompress(const std::string& bytes, bool raw) {
 
 std::string Lines(int count) {
   std::string text;
-  for (int i = 0; i < count; ++i) text += "The quick brown fox jumps over the lazy dog " + std::to_string(i) + "\n";
+  for (int i = 0; i < count; ++i)
+    text += "The quick brown fox jumps over the lazy dog " + std::to_string(i) + "\n";
   return text;
 }
 
@@ -41,7 +42,8 @@ std::string Lines(int count) {
 TEST(Zlib, RoundTripsAcrossPieceBoundaries) {
   std::string noise;
   std::uint32_t x = 1;
-  for (int i = 0; i < 70000; ++i) noise.push_back(static_cast<char>((x = x * 1103515245 + 12345) >> 24));
+  for (int i = 0; i < 70000; ++i)
+    noise.push_back(static_cast<char>((x = x * 1103515245 + 12345) >> 24));
   for (const std::size_t size : {0u, 1u, 16383u, 16384u, 16385u, 32768u, 70000u}) {
     for (const std::string& source : {Lines(3000), noise}) {
       const std::string input = source.substr(0, size);
