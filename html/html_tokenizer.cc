@@ -87,6 +87,7 @@ HtmlTokenizer::HtmlTokenizer() : state(kDataState) {
   static_assert(std::size(kStateSteps) == kStateCount, "one step per state value");
   comment_.kind = HtmlTextToken::kComment;
   cdata_.cdata = true;
+  character_.text.SetByte(' ');
 }
 
 HtmlTokenizer::~HtmlTokenizer() = default;
@@ -117,6 +118,19 @@ void HtmlTokenizer::Tokenize(unsigned char* input, int length) {
 // ---------------------------------------------------------------------------
 // Helpers
 
+namespace {
+
+// Per state, the bytes that need the per-byte path; all others are appended
+// to the token in one run.
+constexpr zelvarpack::html::StopBytes kTagNameStops("\t\n\f />");
+constexpr zelvarpack::html::StopBytes kAttributeNameStops("\t\n\f /=>");
+constexpr zelvarpack::html::StopBytes kDoubleQuotedValueStops("\"&");
+constexpr zelvarpack::html::StopBytes kSingleQuotedValueStops("'&");
+constexpr zelvarpack::html::StopBytes kUnquotedValueStops("\t\n\f &>");
+constexpr zelvarpack::html::StopBytes kCommentStops("-");
+
+}  // namespace
+
 bool HtmlTokenizer::Lookahead(std::size_t pos, const char* literal, std::size_t n) const {
   return length_ - pos >= n && std::memcmp(input_ + pos, literal, n) == 0;
 }
@@ -127,17 +141,13 @@ bool HtmlTokenizer::LookaheadIgnoringCase(std::size_t pos, const char* literal,
 }
 
 void HtmlTokenizer::EmitCharacter(unsigned char c) {
-  character_.kind = HtmlTextToken::kCharacter;
-  character_.cdata = false;
-  character_.text.SetByte(c);
-  if (events != nullptr) events->OnToken(&character_, nullptr, nullptr);
+  // Only the byte changes from one character token to the next.
+  character_.text.data[0] = c;
+  if (events != nullptr) events->OnCharacter(&character_);
 }
 
 void HtmlTokenizer::EmitReplacementCharacter() {
-  character_.kind = HtmlTextToken::kCharacter;
-  character_.cdata = false;
-  character_.text.Forget();
-  if (events != nullptr) events->OnToken(&character_, nullptr, nullptr);
+  if (events != nullptr) events->OnCharacter(&empty_character_);
 }
 
 void HtmlTokenizer::EmitTag() {
@@ -353,6 +363,8 @@ std::size_t HtmlTokenizer::EndTagOpenState(std::size_t pos) {
 // Tag name state
 std::size_t HtmlTokenizer::TagNameState(std::size_t pos) {
   while (!AtEnd(pos)) {
+    pos = AppendRun(pos, kTagNameStops, tag_.name);
+    if (AtEnd(pos)) break;
     const unsigned char c = input_[pos];
     if (IsHtmlSpace(c)) {
       state = kBeforeAttributeNameState;
@@ -407,6 +419,8 @@ std::size_t HtmlTokenizer::BeforeAttributeNameState(std::size_t pos) {
 std::size_t HtmlTokenizer::AttributeNameState(std::size_t pos) {
   HtmlString& name = CurrentAttribute()->name;
   while (!AtEnd(pos)) {
+    pos = AppendRun(pos, kAttributeNameStops, name);
+    if (AtEnd(pos)) break;
     const unsigned char c = input_[pos];
     if (IsHtmlSpace(c)) {
       state = kAfterAttributeNameState;
@@ -499,6 +513,8 @@ std::size_t HtmlTokenizer::BeforeAttributeValueState(std::size_t pos) {
 std::size_t HtmlTokenizer::AttributeValueQuoted(std::size_t pos, unsigned char quote) {
   HtmlString& value = CurrentAttribute()->value;
   while (!AtEnd(pos)) {
+    pos = AppendRun(pos, quote == '"' ? kDoubleQuotedValueStops : kSingleQuotedValueStops, value);
+    if (AtEnd(pos)) break;
     const unsigned char c = input_[pos];
     if (c == quote) {
       state = kAfterAttributeValueQuotedState;
@@ -529,6 +545,8 @@ std::size_t HtmlTokenizer::AttributeValueSingleQuotedState(std::size_t pos) {
 std::size_t HtmlTokenizer::AttributeValueUnquotedState(std::size_t pos) {
   HtmlString& value = CurrentAttribute()->value;
   while (!AtEnd(pos)) {
+    pos = AppendRun(pos, kUnquotedValueStops, value);
+    if (AtEnd(pos)) break;
     const unsigned char c = input_[pos];
     if (IsHtmlSpace(c)) {
       state = kBeforeAttributeNameState;
@@ -1028,6 +1046,8 @@ std::size_t HtmlTokenizer::CommentStartDashState(std::size_t pos) {
 std::size_t HtmlTokenizer::CommentState(std::size_t pos) {
   HtmlString& text = comment_.text;
   while (!AtEnd(pos)) {
+    pos = AppendRun(pos, kCommentStops, text);
+    if (AtEnd(pos)) break;
     const unsigned char c = input_[pos];
     if (c == '-') {
       state = kCommentEndDashState;
