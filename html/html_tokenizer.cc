@@ -128,6 +128,8 @@ constexpr zelvarpack::html::StopBytes kDoubleQuotedValueStops("\"&");
 constexpr zelvarpack::html::StopBytes kSingleQuotedValueStops("'&");
 constexpr zelvarpack::html::StopBytes kUnquotedValueStops("\t\n\f &>");
 constexpr zelvarpack::html::StopBytes kCommentStops("-");
+constexpr zelvarpack::html::StopBytes kBogusCommentStops(">");
+constexpr zelvarpack::html::StopBytes kCdataSectionStops(">");
 
 }  // namespace
 
@@ -961,6 +963,8 @@ std::size_t HtmlTokenizer::ScriptDataDoubleEscapeEndState(std::size_t pos) {
 std::size_t HtmlTokenizer::BogusCommentState(std::size_t pos) {
   HtmlString& text = comment_.text;
   while (!AtEnd(pos)) {
+    pos = AppendRun(pos, kBogusCommentStops, text);
+    if (AtEnd(pos)) break;
     const unsigned char c = input_[pos];
     if (c == '>') {
       state = kDataState;
@@ -1376,6 +1380,8 @@ std::size_t HtmlTokenizer::BogusDoctypeState(std::size_t pos) {
 std::size_t HtmlTokenizer::CdataSectionState(std::size_t pos) {
   HtmlString& text = cdata_.text;
   while (!AtEnd(pos)) {
+    pos = AppendRun(pos, kCdataSectionStops, text);
+    if (AtEnd(pos)) break;
     const unsigned char c = input_[pos];
     if (c == '>' && text.length >= 2 && text.data[text.length - 1] == ']' &&
         text.data[text.length - 2] == ']') {
