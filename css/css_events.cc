@@ -31,7 +31,11 @@ void CssText::Grow(std::int32_t extra) {
 void CssText::Append(const unsigned char* bytes, std::int32_t count) {
   if (count <= 0) return;
   if (count >= allocated_ - length) Grow(count);
-  std::memcpy(data + length, bytes, static_cast<std::size_t>(count));
+  if (count <= 16) {
+    for (std::int32_t i = 0; i < count; ++i) data[length + i] = bytes[i];
+  } else {
+    std::memcpy(data + length, bytes, static_cast<std::size_t>(count));
+  }
   length += count;
   data[length] = 0;
   reset = 0;

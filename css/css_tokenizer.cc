@@ -139,28 +139,28 @@ std::uint32_t CCssTokenizer::DataState(std::uint32_t pos) {
       state = kAtKeywordStartState;
       return pos + 1;
     case '(':
-      EmitMarker(22);
+      EmitMarker<22>();
       return pos + 1;
     case ')':
-      EmitMarker(23);
+      EmitMarker<23>();
       return pos + 1;
     case ':':
-      EmitMarker(18);
+      EmitMarker<18>();
       return pos + 1;
     case ';':
-      EmitMarker(19);
+      EmitMarker<19>();
       return pos + 1;
     case '[':
-      EmitMarker(20);
+      EmitMarker<20>();
       return pos + 1;
     case ']':
-      EmitMarker(21);
+      EmitMarker<21>();
       return pos + 1;
     case '{':
-      EmitMarker(24);
+      EmitMarker<24>();
       return pos + 1;
     case '}':
-      EmitMarker(25);
+      EmitMarker<25>();
       return pos + 1;
     case '+':
       if (Is(Peek(pos + 1), kDigit) || (Peek(pos + 1) == '.' && Is(Peek(pos + 2), kDigit))) {
@@ -171,7 +171,7 @@ std::uint32_t CCssTokenizer::DataState(std::uint32_t pos) {
       return pos + 1;
     case '-':
       if (Peek(pos + 1) == '-' && Peek(pos + 2) == '>') {
-        EmitMarker(17);
+        EmitMarker<17>();
         return pos + 3;
       }
       if (Is(Peek(pos + 1), kDigit) || (Peek(pos + 1) == '.' && Is(Peek(pos + 2), kDigit))) {
@@ -200,7 +200,7 @@ std::uint32_t CCssTokenizer::DataState(std::uint32_t pos) {
       return pos + 1;
     case '<':
       if (Peek(pos + 1) == '!' && Peek(pos + 2) == '-' && Peek(pos + 3) == '-') {
-        EmitMarker(16);
+        EmitMarker<16>();
         return pos + 4;
       }
       EmitDelim(c);
@@ -796,17 +796,19 @@ void CCssTokenizer::EmitUnicodeRange() {
                   nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
 }
 
-void CCssTokenizer::EmitWhitespace() { EmitMarker(14); }
+void CCssTokenizer::EmitWhitespace() { EmitMarker<14>(); }
 
-void CCssTokenizer::EmitComment() { EmitMarker(15); }
+void CCssTokenizer::EmitComment() { EmitMarker<15>(); }
 
-void CCssTokenizer::EmitMarker(int argument) {
+template <int kArgument>
+void CCssTokenizer::EmitMarker() {
+  // One instance per kind, so every argument is a constant.
   void* p = &placeholder_;
   events->OnToken(
       nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-      nullptr, nullptr, nullptr, argument == 14 ? p : nullptr, argument == 15 ? p : nullptr,
-      argument == 16 ? p : nullptr, argument == 17 ? p : nullptr, argument == 18 ? p : nullptr,
-      argument == 19 ? p : nullptr, argument == 20 ? p : nullptr, argument == 21 ? p : nullptr,
-      argument == 22 ? p : nullptr, argument == 23 ? p : nullptr, argument == 24 ? p : nullptr,
-      argument == 25 ? p : nullptr);
+      nullptr, nullptr, nullptr, kArgument == 14 ? p : nullptr, kArgument == 15 ? p : nullptr,
+      kArgument == 16 ? p : nullptr, kArgument == 17 ? p : nullptr, kArgument == 18 ? p : nullptr,
+      kArgument == 19 ? p : nullptr, kArgument == 20 ? p : nullptr, kArgument == 21 ? p : nullptr,
+      kArgument == 22 ? p : nullptr, kArgument == 23 ? p : nullptr, kArgument == 24 ? p : nullptr,
+      kArgument == 25 ? p : nullptr);
 }

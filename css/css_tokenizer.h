@@ -149,7 +149,8 @@ class CCssTokenizer {
   void EmitWhitespace();
   void EmitComment();
   // The payload-free kinds by argument number (14 whitespace ... 25 "}").
-  void EmitMarker(int argument);
+  template <int kArgument>
+  void EmitMarker();
 
   unsigned char* input_ = nullptr;
   std::uint32_t length_ = 0;

@@ -18,7 +18,13 @@ class OutputText {
 
   void Append(const unsigned char* bytes, std::size_t count) {
     if (count > capacity_ - size_) Grow(count);
-    if (count != 0) std::memcpy(data_ + size_, bytes, count);
+    unsigned char* to = data_ + size_;
+    if (count <= 16) {
+      // Most pieces are a few bytes: a loop beats a call to memcpy.
+      for (std::size_t i = 0; i < count; ++i) to[i] = bytes[i];
+    } else {
+      std::memcpy(to, bytes, count);
+    }
     size_ += count;
   }
   void Append(const char* text, std::size_t count) {
