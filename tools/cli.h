@@ -52,5 +52,9 @@ int RunMeta(zelvarpack::cli::Arguments& args);
 int RunId(zelvarpack::cli::Arguments& args);
 int RunFetch(zelvarpack::cli::Arguments& args);
 int RunJs(zelvarpack::cli::Arguments& args);
+int RunCssTokens(zelvarpack::cli::Arguments& args);
+int RunMinifyCss(zelvarpack::cli::Arguments& args);
+int RunCss(zelvarpack::cli::Arguments& args);
+int RunStyle(zelvarpack::cli::Arguments& args);
 
 #endif  // ZELVARPACK_TOOLS_CLI_H_

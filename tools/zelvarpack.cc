@@ -18,7 +18,12 @@ constexpr char kUsage[] =
     "  fetch URL [--cache DIR] [--timeout SECONDS] [--user-agent UA] [-o FILE]\n"
     "                                               download URL; counters as JSON on stderr\n"
     "  js store [--cache DIR] FILE...               store the scripts combined, print the id\n"
-    "  js get [--cache DIR] [--gzip] ID             write a stored script; gzip choice on stderr\n";
+    "  js get [--cache DIR] [--gzip] ID             write a stored script; gzip choice on stderr\n"
+    "  css-tokens [FILE]                            print the CSS token stream as JSON lines\n"
+    "  minify-css [--name URL] FILE...              write the sheets combined and minified\n"
+    "  css store [--cache DIR] [--name URL] FILE... store the minified sheets, print the id\n"
+    "  css get [--cache DIR] [--gzip] ID            write a stored sheet; gzip choice on stderr\n"
+    "  style STYLE-TEXT                             print what the style finder sees as JSON\n";
 
 struct Command {
   const char* name;
@@ -31,6 +36,10 @@ constexpr Command kCommands[] = {
     {"id", RunId},
     {"fetch", RunFetch},
     {"js", RunJs},
+    {"css-tokens", RunCssTokens},
+    {"minify-css", RunMinifyCss},
+    {"css", RunCss},
+    {"style", RunStyle},
 };
 
 }  // namespace

@@ -1,0 +1,67 @@
+#include "css/style_finder.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+// The finder's fields in one line: flags b (background), i (background-image),
+// % (percentage), u (url), then the slots that hold a value.
+std::string Find(std::string css) {
+  CStyleFinder finder;
+  finder.Find(reinterpret_cast<unsigned char*>(css.data()), static_cast<std::int32_t>(css.size()));
+  std::string out;
+  if (finder.hasBackground) out += "b";
+  if (finder.hasBackgroundImage) out += "i";
+  if (finder.isPercentage) out += "%";
+  if (finder.hasUrl) out += "u";
+  static const char* const kNames[] = {"height",        "padding-bottom", "padding-left",
+                                       "padding-right", "padding-top",    "width"};
+  for (int slot = 0; slot < CStyleFinder::kSlotCount; ++slot) {
+    CZelvarBuffer* value = finder.Value(static_cast<CStyleFinder::Slot>(slot));
+    if (value->GetValueLength() == 0) continue;
+    out += std::string(" ") + kNames[slot] + "=" +
+           std::string(reinterpret_cast<const char*>(value->GetValue()),
+                       static_cast<std::size_t>(value->GetValueLength()));
+  }
+  return out;
+}
+
+struct Case {
+  std::string css;
+  std::string expected;
+};
+
+TEST(StyleFinder, RecordsBackgroundsUrlsAndLastValues) {
+  const std::vector<Case> cases = {
+      {"", ""},
+      {"width:50%;height:20px", "% height=20 width=50"},
+      {"padding:1px 2px 3px 4px", " padding-bottom=4"},  // every value lands in padding-bottom
+      {"background:url(a.png) no-repeat", "bu"},
+      {"background-image:url(\"a b.png\")", "iu"},
+      {"background:url(a b)", "bu"},  // a bad url counts as an address
+      {"WIDTH: 10px", " width=10"},
+      {"Padding-Left : 3.5em ; padding-top:-2", " padding-left=3.5 padding-top=-2"},
+      {"padding-right:7;padding-bottom:8", " padding-bottom=8 padding-right=7"},
+      {"width: calc(10px)", ""},           // the function ends the property
+      {"width: 1px 2px 3px", " width=3"},  // the last value stays
+      {"height:1px;color:2px", " height=1"},
+      {"height:50%", "% height=50"},
+      {"padding:50%", " padding-bottom=50"},  // a padding percentage is not flagged
+      {"width:/**/5px", ""},
+      {"width:'x' 5px", ""},
+      {"width:#fff 5px", ""},
+      {"width:U+1 5px", ""},
+      {"width:-5 ;{} ()[] 6", " width=6"},  // punctuation keeps it pending
+      {"width:1e3px", " width=13"},         // number 13, then the ident px
+      {"x:width 4", " width=4"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.css);
+    EXPECT_EQ(Find(c.css), c.expected);
+  }
+}
+
+}  // namespace

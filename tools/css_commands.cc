@@ -1,0 +1,238 @@
+// zelvarpack css-tokens, minify-css, css store|get and style.
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "css/css_tokenizer.h"
+#include "css/style_finder.h"
+#include "tools/cli.h"
+#include "zelvarpack/zelvar_css_server.h"
+
+using zelvarpack::cli::AppendJsonString;
+using zelvarpack::cli::Arguments;
+using zelvarpack::cli::Fail;
+
+namespace {
+
+void AppendText(std::string& line, const CssText& text) {
+  AppendJsonString(line, text.data, static_cast<std::size_t>(text.length));
+}
+
+// One JSON array per token, named as in the tokenizer's table.
+class TokenPrinter : public CCssTokenizerEvents {
+ public:
+  explicit TokenPrinter(FILE* out) : out_(out) {}
+
+  void OnToken(CssText* ident, CssText* function, CssText* atKeyword, CssText* hash,
+               CssQuotedText* string, void* badString, CssQuotedText* url, void* badUrl,
+               CssText* delim, CssText* number, CssText* percentage, CssTextPair* dimension,
+               CssTextPair* unicodeRange, void* whitespace, void* comment, void* cdo, void* cdc,
+               void* colon, void* semicolon, void* openBracket, void* closeBracket, void* openParen,
+               void* closeParen, void* openBrace, void* closeBrace) override {
+    line_ = "[";
+    if (ident != nullptr) Named("ident", *ident);
+    if (function != nullptr) Named("function", *function);
+    if (atKeyword != nullptr) Named("at-keyword", *atKeyword);
+    if (hash != nullptr) Named("hash", *hash);
+    if (string != nullptr) Quoted("string", *string);
+    if (badString != nullptr) line_ += "\"bad-string\"";
+    if (url != nullptr) Quoted("url", *url);
+    if (badUrl != nullptr) line_ += "\"bad-url\"";
+    if (delim != nullptr) Named("delim", *delim);
+    if (number != nullptr) Named("number", *number);
+    if (percentage != nullptr) Named("percentage", *percentage);
+    if (dimension != nullptr) Pair("dimension", *dimension);
+    if (unicodeRange != nullptr) Pair("unicode-range", *unicodeRange);
+    if (whitespace != nullptr) line_ += "\"whitespace\"";
+    if (comment != nullptr) line_ += "\"comment\"";
+    if (cdo != nullptr) line_ += "\"CDO\"";
+    if (cdc != nullptr) line_ += "\"CDC\"";
+    if (colon != nullptr) line_ += "\":\"";
+    if (semicolon != nullptr) line_ += "\";\"";
+    if (openBracket != nullptr) line_ += "\"[\"";
+    if (closeBracket != nullptr) line_ += "\"]\"";
+    if (openParen != nullptr) line_ += "\"(\"";
+    if (closeParen != nullptr) line_ += "\")\"";
+    if (openBrace != nullptr) line_ += "\"{\"";
+    if (closeBrace != nullptr) line_ += "\"}\"";
+    line_ += "]\n";
+    std::fwrite(line_.data(), 1, line_.size(), out_);
+  }
+
+ private:
+  void Named(const char* kind, const CssText& text) {
+    line_ += "\"";
+    line_ += kind;
+    line_ += "\", ";
+    AppendText(line_, text);
+  }
+  void Quoted(const char* kind, const CssQuotedText& quoted) {
+    Named(kind, quoted.text);
+    line_ += ", " + std::to_string(quoted.quote);
+  }
+  void Pair(const char* kind, const CssTextPair& pair) {
+    Named(kind, pair.first);
+    line_ += ", ";
+    AppendText(line_, pair.second);
+  }
+
+  FILE* out_;
+  std::string line_;
+};
+
+std::string OnlyFile(Arguments& args) {
+  std::string path;
+  bool havePath = false;
+  while (!args.Done()) {
+    const std::string arg = args.Take();
+    if (Arguments::IsOption(arg)) Fail("unknown option " + arg);
+    if (havePath) Fail("only one input file may be given");
+    path = arg;
+    havePath = true;
+  }
+  return path;
+}
+
+// Sheets for minify-css and css store: "[--name URL] FILE..." (the name is
+// the first file's; the others are named by their paths).
+struct SheetArguments {
+  std::string cache = ".";
+  std::string name;
+  bool haveName = false;
+  std::vector<std::string> files;
+};
+
+SheetArguments ParseSheets(Arguments& args, bool allowCache) {
+  SheetArguments parsed;
+  while (!args.Done()) {
+    const std::string arg = args.Take();
+    if (arg == "--name") {
+      parsed.name = args.TakeValue(arg);
+      parsed.haveName = true;
+    } else if (allowCache && arg == "--cache") {
+      parsed.cache = args.TakeValue(arg);
+    } else if (Arguments::IsOption(arg)) {
+      Fail("unknown option " + arg);
+    } else {
+      parsed.files.push_back(arg);
+    }
+  }
+  if (parsed.files.empty()) Fail("expected at least one stylesheet FILE");
+  return parsed;
+}
+
+void Minify(CZelvarCssServer& server, const SheetArguments& sheets) {
+  for (std::size_t i = 0; i < sheets.files.size(); ++i) {
+    std::string bytes = zelvarpack::cli::ReadInput(sheets.files[i]);
+    std::string name = (i == 0 && sheets.haveName) ? sheets.name : sheets.files[i];
+    server.AddWork(name.data(), reinterpret_cast<unsigned char*>(bytes.data()),
+                   static_cast<std::int32_t>(bytes.size()));
+  }
+  server.DoWork();
+}
+
+bool WriteAll(const unsigned char* bytes, std::int32_t count) {
+  const auto size = static_cast<std::size_t>(count);
+  return std::fwrite(bytes, 1, size, stdout) == size && std::fflush(stdout) == 0;
+}
+
+int RunCssStore(Arguments& args) {
+  const SheetArguments sheets = ParseSheets(args, true);
+  std::string cache = sheets.cache;
+  CZelvarCssServer server(cache.data());
+  Minify(server, sheets);
+  std::printf("%s\n", server.GetMinifiedId().c_str());
+  return std::fflush(stdout) == 0 ? 0 : 1;
+}
+
+int RunCssGet(Arguments& args) {
+  std::string cache = ".";
+  std::string id;
+  bool acceptGzip = false;
+  bool haveId = false;
+  while (!args.Done()) {
+    const std::string arg = args.Take();
+    if (arg == "--cache") {
+      cache = args.TakeValue(arg);
+    } else if (arg == "--gzip") {
+      acceptGzip = true;
+    } else if (Arguments::IsOption(arg)) {
+      Fail("unknown option " + arg);
+    } else if (haveId) {
+      Fail("only one ID may be given");
+    } else {
+      id = arg;
+      haveId = true;
+    }
+  }
+  if (!haveId) Fail("expected an ID");
+  CZelvarCssServer server(cache.data());
+  bool gzip = acceptGzip;
+  std::unique_ptr<CZelvarBuffer> bytes(server.GetMinifiedId(id, gzip));
+  if (!bytes) {
+    std::fprintf(stderr, "zelvarpack css get: nothing is stored under %s\n", id.c_str());
+    return 1;
+  }
+  if (!WriteAll(bytes->GetValue(), bytes->GetValueLength())) return 1;
+  std::fprintf(stderr, "{\"gzip\": %s}\n", server.GetWasGzip() ? "true" : "false");
+  return 0;
+}
+
+}  // namespace
+
+int RunCssTokens(Arguments& args) {
+  std::string sheet = zelvarpack::cli::ReadInput(OnlyFile(args));
+  TokenPrinter printer(stdout);
+  CCssTokenizer tokenizer;
+  tokenizer.events = &printer;
+  tokenizer.Tokenize(reinterpret_cast<unsigned char*>(sheet.data()),
+                     static_cast<std::int32_t>(sheet.size()));
+  return std::fflush(stdout) == 0 ? 0 : 1;
+}
+
+int RunMinifyCss(Arguments& args) {
+  const SheetArguments sheets = ParseSheets(args, false);
+  char noCache[] = "";
+  CZelvarCssServer server(noCache);
+  Minify(server, sheets);
+  CZelvarBuffer* output = server.GetOutput();
+  return WriteAll(output->GetValue(), output->GetValueLength()) ? 0 : 1;
+}
+
+int RunCss(Arguments& args) {
+  if (args.Done()) Fail("expected 'store' or 'get'");
+  const std::string action = args.Take();
+  if (action == "store") return RunCssStore(args);
+  if (action == "get") return RunCssGet(args);
+  Fail("unknown action '" + action + "' (expected 'store' or 'get')");
+}
+
+int RunStyle(Arguments& args) {
+  if (args.Done()) Fail("expected the STYLE-TEXT");
+  std::string text = args.Take();
+  if (!args.Done()) Fail("unexpected argument " + args.Take());
+  CStyleFinder finder;
+  finder.Find(reinterpret_cast<unsigned char*>(text.data()),
+              static_cast<std::int32_t>(text.size()));
+  static constexpr const char* kNames[CStyleFinder::kSlotCount] = {
+      "height", "paddingBottom", "paddingLeft", "paddingRight", "paddingTop", "width"};
+  std::string line = "{\"hasBackground\": ";
+  line += finder.hasBackground ? "true" : "false";
+  line += ", \"hasBackgroundImage\": ";
+  line += finder.hasBackgroundImage ? "true" : "false";
+  for (int slot = 0; slot < CStyleFinder::kSlotCount; ++slot) {
+    CZelvarBuffer* value = finder.Value(static_cast<CStyleFinder::Slot>(slot));
+    line += ", \"";
+    line += kNames[slot];
+    line += "\": ";
+    AppendJsonString(line, value->GetValue(), static_cast<std::size_t>(value->GetValueLength()));
+  }
+  line += ", \"isPercentage\": ";
+  line += finder.isPercentage ? "true" : "false";
+  line += ", \"hasUrl\": ";
+  line += finder.hasUrl ? "true" : "false";
+  line += "}\n";
+  std::fwrite(line.data(), 1, line.size(), stdout);
+  return std::fflush(stdout) == 0 ? 0 : 1;
+}
