@@ -3,7 +3,9 @@
 # Usage: scripts/install-deps.sh [extra-package ...]
 set -euo pipefail
 
-packages=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev zlib1g-dev python3 "$@")
+# alsa-utils and espeak-ng give the audio tests real recordings and speech.
+packages=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev zlib1g-dev python3
+  alsa-utils espeak-ng "$@")
 missing=()
 for package in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' ||

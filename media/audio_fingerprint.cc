@@ -1,0 +1,164 @@
+#include "media/audio_fingerprint.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <utility>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+// Every product and sum below must round exactly as the step-by-step loop
+// does; a fused multiply-add would change the last bits (the build also
+// passes -ffp-contract=off for this file).
+#if defined(__clang__)
+#pragma STDC FP_CONTRACT OFF
+#endif
+
+namespace zelvarpack {
+
+namespace {
+
+constexpr double kScale = 1.0 / AudioFingerprint::kPoints;  // exact: a power of two
+
+}  // namespace
+
+AudioFingerprint::AudioFingerprint() {
+  // The half-angle recurrence: (c1, c2) starts at (-1, 0), the rotation of a
+  // half turn; after each stage it is halved in angle, c2 negated for the
+  // forward direction. Within a stage the twiddle u starts at (1, 0) and is
+  // multiplied by (c1, c2) once per butterfly group.
+  double c1 = -1.0;
+  double c2 = 0.0;
+  twiddleReal_[0] = 0.0;
+  twiddleImaginary_[0] = 0.0;
+  for (int half = 1; half < kPoints; half *= 2) {
+    double u1 = 1.0;
+    double u2 = 0.0;
+    for (int j = 0; j < half; ++j) {
+      twiddleReal_[half + j] = u1;
+      twiddleImaginary_[half + j] = u2;
+      const double z = u1 * c1 - u2 * c2;
+      u2 = u1 * c2 + u2 * c1;
+      u1 = z;
+    }
+    c2 = -std::sqrt((1.0 - c1) / 2.0);
+    c1 = std::sqrt((1.0 + c1) / 2.0);
+  }
+  for (int i = 0; i < kPoints; ++i) {
+    int r = 0;
+    for (int bit = 0; bit < kStages; ++bit) r |= ((i >> bit) & 1) << (kStages - 1 - bit);
+    reversed_[i] = static_cast<std::uint16_t>(r);
+  }
+}
+
+// The ten stages over a frame already in bit-reversed order. A butterfly on
+// points i and i1 = i + half with twiddle u computes
+//   t1 = u1 * x[i1] - u2 * y[i1],  t2 = u1 * y[i1] + u2 * x[i1],
+//   x[i1] = x[i] - t1,  y[i1] = y[i] - t2,  x[i] += t1,  y[i] += t2.
+// The butterflies of one stage touch disjoint points, so running them group
+// by group instead of twiddle by twiddle changes no value.
+void AudioFingerprint::Butterflies(double* x, double* y) const {
+  // First stage: u = (1, 0) for every butterfly.
+  for (int i = 0; i < kPoints; i += 2) {
+    const int i1 = i + 1;
+    const double t1 = 1.0 * x[i1] - 0.0 * y[i1];
+    const double t2 = 1.0 * y[i1] + 0.0 * x[i1];
+    x[i1] = x[i] - t1;
+    y[i1] = y[i] - t2;
+    x[i] += t1;
+    y[i] += t2;
+  }
+  for (int half = 2; half < kPoints; half *= 2) {
+    const double* wr = twiddleReal_ + half;
+    const double* wi = twiddleImaginary_ + half;
+    for (int base = 0; base < kPoints; base += 2 * half) {
+      double* xa = x + base;
+      double* ya = y + base;
+      double* xb = xa + half;
+      double* yb = ya + half;
+#if defined(__SSE2__)
+      for (int j = 0; j < half; j += 2) {
+        const __m128d u1 = _mm_loadu_pd(wr + j);
+        const __m128d u2 = _mm_loadu_pd(wi + j);
+        const __m128d x1 = _mm_loadu_pd(xb + j);
+        const __m128d y1 = _mm_loadu_pd(yb + j);
+        const __m128d x0 = _mm_loadu_pd(xa + j);
+        const __m128d y0 = _mm_loadu_pd(ya + j);
+        const __m128d t1 = _mm_sub_pd(_mm_mul_pd(u1, x1), _mm_mul_pd(u2, y1));
+        const __m128d t2 = _mm_add_pd(_mm_mul_pd(u1, y1), _mm_mul_pd(u2, x1));
+        _mm_storeu_pd(xb + j, _mm_sub_pd(x0, t1));
+        _mm_storeu_pd(yb + j, _mm_sub_pd(y0, t2));
+        _mm_storeu_pd(xa + j, _mm_add_pd(x0, t1));
+        _mm_storeu_pd(ya + j, _mm_add_pd(y0, t2));
+      }
+#else
+      for (int j = 0; j < half; ++j) {
+        const double t1 = wr[j] * xb[j] - wi[j] * yb[j];
+        const double t2 = wr[j] * yb[j] + wi[j] * xb[j];
+        xb[j] = xa[j] - t1;
+        yb[j] = ya[j] - t2;
+        xa[j] += t1;
+        ya[j] += t2;
+      }
+#endif
+    }
+  }
+}
+
+void AudioFingerprint::Transform(double* real, double* imaginary) const {
+  for (int i = 0; i < kPoints; ++i) {
+    const int r = reversed_[i];
+    if (i < r) {
+      std::swap(real[i], real[r]);
+      std::swap(imaginary[i], imaginary[r]);
+    }
+  }
+  Butterflies(real, imaginary);
+  for (int i = 0; i < kPoints; ++i) {
+    real[i] *= kScale;
+    imaginary[i] *= kScale;
+  }
+}
+
+double AudioFingerprint::Of(const unsigned char* piece, std::int64_t length) {
+  const std::int64_t used = std::min(length, kFrameBytes);
+  std::memset(frameReal_, 0, sizeof frameReal_);
+  std::memset(frameImaginary_, 0, sizeof frameImaginary_);
+  // Samples go straight to their bit-reversed places.
+  int k = 0;
+  for (std::int64_t offset = 0; offset < used; offset += 2, ++k) {
+    const unsigned high = offset + 1 < used ? piece[offset + 1] : 0u;
+    const auto sample =
+        static_cast<std::int16_t>(static_cast<std::uint16_t>(piece[offset] | (high << 8)));
+    frameReal_[reversed_[k]] = sample * 0.5;
+  }
+  Butterflies(frameReal_, frameImaginary_);
+  // Summed in index order, as the loop does: a different order would round
+  // differently.
+  double sum = 0.0;
+  for (const double value : frameReal_) {
+    const double scaled = value * kScale;
+    sum += scaled * scaled;
+  }
+  const std::int64_t divisor = std::max<std::int64_t>(used / 2, 1);
+  return std::sqrt(sum / static_cast<double>(divisor));
+}
+
+std::int32_t AudioFingerprint::BucketOf(double fingerprint) {
+  const double scaled = fingerprint * 100.0;
+  if (!(scaled > 0.0)) return 0;  // also NaN
+  if (scaled >= kBuckets - 1) return kBuckets - 1;
+  return static_cast<std::int32_t>(scaled);
+}
+
+std::int32_t PiecesInBlock(std::int64_t n) {
+  if (n % 10 == 0) return 10;
+  for (std::int32_t d = 9; d > 1; --d) {
+    if (n % d == 0) return d;
+  }
+  return 1;
+}
+
+}  // namespace zelvarpack
