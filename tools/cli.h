@@ -50,5 +50,7 @@ void AppendJsonString(std::string& out, const std::string& bytes);
 int RunHtmlTokens(zelvarpack::cli::Arguments& args);
 int RunMeta(zelvarpack::cli::Arguments& args);
 int RunId(zelvarpack::cli::Arguments& args);
+int RunFetch(zelvarpack::cli::Arguments& args);
+int RunJs(zelvarpack::cli::Arguments& args);
 
 #endif  // ZELVARPACK_TOOLS_CLI_H_

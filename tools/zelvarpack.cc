@@ -14,7 +14,11 @@ constexpr char kUsage[] =
     "  html-tokens [--constructor] [--state data|rcdata|rawtext|script|plaintext]\n"
     "              [--last-start-tag NAME] [FILE]   print the HTML token stream as JSON lines\n"
     "  meta [FILE]                                  1 if the page declares itself text/html\n"
-    "  id --number N | --content FILE               print an identifier\n";
+    "  id --number N | --content FILE               print an identifier\n"
+    "  fetch URL [--cache DIR] [--timeout SECONDS] [--user-agent UA] [-o FILE]\n"
+    "                                               download URL; counters as JSON on stderr\n"
+    "  js store [--cache DIR] FILE...               store the scripts combined, print the id\n"
+    "  js get [--cache DIR] [--gzip] ID             write a stored script; gzip choice on stderr\n";
 
 struct Command {
   const char* name;
@@ -25,6 +29,8 @@ constexpr Command kCommands[] = {
     {"html-tokens", RunHtmlTokens},
     {"meta", RunMeta},
     {"id", RunId},
+    {"fetch", RunFetch},
+    {"js", RunJs},
 };
 
 }  // namespace

@@ -1,0 +1,159 @@
+// zelvarpack fetch and zelvarpack js.
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tools/cli.h"
+#include "zelvarpack/zelvar_js_server.h"
+#include "zelvarpack/zelvar_utils.h"
+
+using zelvarpack::cli::Arguments;
+using zelvarpack::cli::Fail;
+
+namespace {
+
+constexpr std::int32_t kDefaultTimeoutSeconds = 30;
+
+std::int32_t ParseSeconds(const std::string& text) {
+  errno = 0;
+  char* end = nullptr;
+  const long long value = std::strtoll(text.c_str(), &end, 10);
+  if (text.empty() || *end != '\0' || errno == ERANGE || value < 0 || value > 2147483) {
+    Fail("'" + text + "' is not a number of seconds from 0 to 2147483");
+  }
+  return static_cast<std::int32_t>(value);
+}
+
+// Writes `bytes` to FILE, or to standard output when `path` is empty.
+void WriteOutput(const std::string& path, const unsigned char* bytes, std::int32_t count) {
+  FILE* out = path.empty() ? stdout : std::fopen(path.c_str(), "wb");
+  if (out == nullptr) Fail("cannot open " + path + ": " + std::strerror(errno));
+  const std::size_t size = static_cast<std::size_t>(count);
+  bool ok = std::fwrite(bytes, 1, size, out) == size;
+  ok = (path.empty() ? std::fflush(out) : std::fclose(out)) == 0 && ok;
+  if (!ok) throw std::runtime_error("cannot write " + (path.empty() ? "standard output" : path));
+}
+
+struct BufferDeleter {
+  void operator()(CZelvarBuffer* buffer) const { delete buffer; }
+};
+using Buffer = std::unique_ptr<CZelvarBuffer, BufferDeleter>;
+
+int RunJsStore(Arguments& args) {
+  std::string cache = ".";
+  std::vector<std::string> files;
+  while (!args.Done()) {
+    const std::string arg = args.Take();
+    if (arg == "--cache") {
+      cache = args.TakeValue(arg);
+    } else if (Arguments::IsOption(arg)) {
+      Fail("unknown option " + arg);
+    } else {
+      files.push_back(arg);
+    }
+  }
+  if (files.empty()) Fail("expected at least one script FILE");
+  CZelvarJSServer server(cache.data());
+  for (const std::string& file : files) {
+    std::string bytes = zelvarpack::cli::ReadInput(file);
+    server.GetContent()->AddValue(bytes.data(), static_cast<std::int32_t>(bytes.size()));
+  }
+  std::printf("%s\n", server.Store().c_str());
+  return 0;
+}
+
+int RunJsGet(Arguments& args) {
+  std::string cache = ".";
+  std::string id;
+  bool acceptGzip = false;
+  bool haveId = false;
+  while (!args.Done()) {
+    const std::string arg = args.Take();
+    if (arg == "--cache") {
+      cache = args.TakeValue(arg);
+    } else if (arg == "--gzip") {
+      acceptGzip = true;
+    } else if (Arguments::IsOption(arg)) {
+      Fail("unknown option " + arg);
+    } else if (haveId) {
+      Fail("only one ID may be given");
+    } else {
+      id = arg;
+      haveId = true;
+    }
+  }
+  if (!haveId) Fail("expected an ID");
+  CZelvarJSServer server(cache.data());
+  bool wasGzip = acceptGzip;
+  Buffer bytes(server.GetRawId(id, wasGzip));
+  if (!bytes) {
+    std::fprintf(stderr, "zelvarpack js get: nothing is stored under %s\n", id.c_str());
+    return 1;
+  }
+  WriteOutput("", bytes->GetValue(), bytes->GetValueLength());
+  std::fprintf(stderr, "{\"gzip\": %s}\n", server.GetWasGzip() ? "true" : "false");
+  return 0;
+}
+
+}  // namespace
+
+int RunFetch(Arguments& args) {
+  std::string url;
+  std::string cache;
+  std::string userAgent;
+  std::string output;
+  bool haveCache = false;
+  bool haveUserAgent = false;
+  bool haveUrl = false;
+  std::int32_t timeout = kDefaultTimeoutSeconds;
+  while (!args.Done()) {
+    const std::string arg = args.Take();
+    if (arg == "--cache") {
+      cache = args.TakeValue(arg);
+      haveCache = true;
+    } else if (arg == "--timeout") {
+      timeout = ParseSeconds(args.TakeValue(arg));
+    } else if (arg == "--user-agent") {
+      userAgent = args.TakeValue(arg);
+      haveUserAgent = true;
+    } else if (arg == "-o") {
+      output = args.TakeValue(arg);
+      if (output.empty()) Fail("option -o needs a file name");
+    } else if (Arguments::IsOption(arg)) {
+      Fail("unknown option " + arg);
+    } else if (haveUrl) {
+      Fail("only one URL may be given");
+    } else {
+      url = arg;
+      haveUrl = true;
+    }
+  }
+  if (!haveUrl) Fail("expected a URL");
+  CZelvarUtils utils;
+  std::int32_t sent = 0, received = 0, uncompressed = 0;
+  bool cacheable = false;
+  Buffer body(utils.DownloadUrl(
+      haveCache ? cache.data() : nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+      haveUserAgent ? userAgent.c_str() : nullptr, reinterpret_cast<unsigned char*>(url.data()),
+      reinterpret_cast<unsigned char*>(url.data()), sent, received, uncompressed, cacheable,
+      timeout));
+  WriteOutput(output, body->GetValue(), body->GetValueLength());
+  std::fprintf(stderr,
+               "{\"bytesSent\": %d, \"bytesReceived\": %d, \"bytesUncompressed\": %d, "
+               "\"cacheable\": %s}\n",
+               static_cast<int>(sent), static_cast<int>(received), static_cast<int>(uncompressed),
+               cacheable ? "true" : "false");
+  return 0;
+}
+
+int RunJs(Arguments& args) {
+  if (args.Done()) Fail("expected 'store' or 'get'");
+  const std::string action = args.Take();
+  if (action == "store") return RunJsStore(args);
+  if (action == "get") return RunJsGet(args);
+  Fail("unknown action '" + action + "' (expected 'store' or 'get')");
+}
