@@ -18,7 +18,10 @@ constexpr char kUsage[] =
     "  fetch URL [--cache DIR] [--timeout SECONDS] [--user-agent UA] [-o FILE]\n"
     "                                               download URL; counters as JSON on stderr\n"
     "  js store [--cache DIR] FILE...               store the scripts combined, print the id\n"
-    "  js get [--cache DIR] [--gzip] ID             write a stored script; gzip choice on stderr\n";
+    "  js get [--cache DIR] [--gzip] ID             write a stored script; gzip choice on stderr\n"
+    "  audio pack --work DIR --index FILE --data FILE WAV...\n"
+    "                                               pack WAV files into tesserae and print\n"
+    "                                               the sizes\n";
 
 struct Command {
   const char* name;
@@ -31,6 +34,7 @@ constexpr Command kCommands[] = {
     {"id", RunId},
     {"fetch", RunFetch},
     {"js", RunJs},
+    {"audio", RunAudio},
 };
 
 }  // namespace
