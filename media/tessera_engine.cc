@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <limits>
 #include <new>
 #include <utility>
@@ -18,28 +19,29 @@ TesseraEngine::TesseraEngine(std::string workDirectory, OutputFile* index, std::
     : workDirectory_(std::move(workDirectory)),
       index_(index),
       setting_(setting),
-      tesserae_(kTesserae) {
+      tesserae_(new Tessera[kTesserae]()) {
   const unsigned char writing = index != nullptr ? 1 : 0;
-  for (Tessera& tessera : tesserae_) {
-    tessera.writable = writing;
-    tessera.readable = static_cast<unsigned char>(1 - writing);
+  for (std::int32_t bucket = 0; bucket < kTesserae; ++bucket) {
+    tesserae_[bucket].writable = writing;
+    tesserae_[bucket].readable = static_cast<unsigned char>(1 - writing);
   }
 }
 
-bool TesseraEngine::Append(Tessera& tessera, const unsigned char* piece, std::int32_t length) {
+void TesseraEngine::Append(std::int32_t bucket, const unsigned char* piece, std::int32_t length) {
+  Tessera& tessera = tesserae_[bucket];
   if (tessera.writable == 0) ThrowMediaError(kTesseraReadOnly);
-  // Before the first Flush "no pending buffer" means "slot 0 and never
-  // started"; after a Flush it means the tessera's pieces were written out.
-  bool started = false;
-  if (!tessera.pending) {
-    tessera.name = NewGuidString();
-    tessera.pending = std::make_unique<CZelvarBuffer>();
-    started = true;
+  // Before the first Flush "holds no pending pieces" is the same as "slot 0
+  // and never started"; after a Flush the tessera starts again.
+  if (tessera.started == 0) {
+    auto started = std::make_unique<StartedTessera>();
+    started->bucket = bucket;
+    started->name = NewGuidString();
+    started_.push_back(std::move(started));
+    tessera.started = static_cast<std::int32_t>(started_.size());
   }
-  tessera.pending->Append(piece, length);
+  started_[static_cast<std::size_t>(tessera.started - 1)]->pending->Append(piece, length);
   tessera.slot += kSlotStep;
   if (tessera.slot == kSlotWrap) tessera.slot = 0;
-  return started;
 }
 
 void TesseraEngine::AddBlock(const unsigned char* bytes, std::int64_t n) {
@@ -52,10 +54,7 @@ void TesseraEngine::AddBlock(const unsigned char* bytes, std::int64_t n) {
   for (std::int32_t part = 0; part < parts; ++part) {
     const unsigned char* piece = bytes + part * pieceLength;
     const std::int32_t bucket = AudioFingerprint::BucketOf(fingerprint_.Of(piece, pieceLength));
-    Tessera& tessera = tesserae_[static_cast<std::size_t>(bucket)];
-    if (Append(tessera, piece, static_cast<std::int32_t>(pieceLength))) {
-      started_.push_back(tessera.name);
-    }
+    Append(bucket, piece, static_cast<std::int32_t>(pieceLength));
     index_->Put(static_cast<unsigned char>(bucket & 0xFF));
   }
 }
@@ -65,25 +64,31 @@ std::string TesseraEngine::PathOf(const std::string& name) const {
 }
 
 void TesseraEngine::Flush(OutputFile& data) {
-  for (Tessera& tessera : tesserae_) {
-    if (!tessera.pending) continue;
+  std::vector<std::unique_ptr<StartedTessera>> started = std::move(started_);
+  started_.clear();
+  for (const auto& tessera : started) tesserae_[tessera->bucket].started = 0;
+
+  std::vector<StartedTessera*> byBucket;
+  byBucket.reserve(started.size());
+  for (const auto& tessera : started) byBucket.push_back(tessera.get());
+  std::sort(byBucket.begin(), byBucket.end(),
+            [](const StartedTessera* a, const StartedTessera* b) { return a->bucket < b->bucket; });
+  for (StartedTessera* tessera : byBucket) {
     const std::unique_ptr<CZelvarBuffer> packed = net::Compress(
-        tessera.pending->GetValue(), static_cast<std::size_t>(tessera.pending->GetValueLength()),
+        tessera->pending->GetValue(), static_cast<std::size_t>(tessera->pending->GetValueLength()),
         net::ZlibFormat::kRawDeflate);
-    const int fd = OpenRetrying(PathOf(tessera.name).c_str(), O_WRONLY | O_CREAT | O_TRUNC);
+    const int fd = OpenRetrying(PathOf(tessera->name).c_str(), O_WRONLY | O_CREAT | O_TRUNC);
     if (fd < 0) ThrowMediaError(kCouldNotOpenFile);
     const bool written =
         WriteFully(fd, packed->GetValue(), static_cast<std::size_t>(packed->GetValueLength()));
     CloseFile(fd);
     if (!written) ThrowMediaError(kCouldNotOpenFile);
-    tessera.pending.reset();
+    tessera->pending.reset();
   }
 
-  std::vector<std::string> names = std::move(started_);
-  started_.clear();
   unsigned char chunk[4096];
-  for (const std::string& name : names) {
-    const std::string path = PathOf(name);
+  for (const auto& tessera : started) {
+    const std::string path = PathOf(tessera->name);
     const int fd = OpenRetrying(path.c_str(), O_RDONLY);
     if (fd < 0) ThrowMediaError(kCouldNotOpenFile);
     struct stat info;

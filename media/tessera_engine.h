@@ -29,18 +29,27 @@ namespace zelvarpack {
 
 class OutputFile;
 
+// One of the 65536 tesserae. Plain data, so the whole array is one zeroed
+// allocation; what a started tessera holds lives in its StartedTessera.
 struct Tessera {
-  // The GUID text under which the tessera's file is written; given each time
-  // the tessera starts (a name given at creation could never reach a file,
-  // so none is made then).
-  std::string name;
-  // The pieces not yet written; null until the tessera starts.
-  std::unique_ptr<CZelvarBuffer> pending;
   // Advances by 128 per piece and wraps to 0 at 1920; wrapping does not
   // start the tessera again.
-  std::int32_t slot = 0;
-  unsigned char readable = 0;
-  unsigned char writable = 0;
+  std::int32_t slot;
+  // 1 + the tessera's place in the start list, or 0 when it holds no
+  // pending pieces (never started, or written out by Flush).
+  std::int32_t started;
+  unsigned char readable;
+  unsigned char writable;
+};
+
+struct StartedTessera {
+  std::int32_t bucket;
+  // The GUID text under which the tessera's file is written, new each time
+  // the tessera starts. (A name given at creation could never reach a file,
+  // so none is made then.)
+  std::string name;
+  // The pieces not yet written, in arrival order; dropped once on disk.
+  std::unique_ptr<CZelvarBuffer> pending = std::make_unique<CZelvarBuffer>();
 };
 
 class TesseraEngine {
@@ -59,31 +68,30 @@ class TesseraEngine {
   // tesserae is read-only." on a reading engine (before any index byte).
   void AddBlock(const unsigned char* bytes, std::int64_t n);
 
-  // Writes the started tesserae's records to `data` and forgets them; a
-  // tessera that receives pieces afterwards starts again under a new name.
-  // Throws "Could not open file." when a tessera file cannot be written or
-  // read back.
+  // Writes each started tessera, in bucket order, raw-deflated to
+  // <work directory>/<name>, then copies those files in start order into
+  // `data` as records, deleting each once copied. The tesserae are then
+  // forgotten: one that receives pieces afterwards starts again under a new
+  // name. Throws "Could not open file." when a tessera file cannot be
+  // written or read back.
   void Flush(OutputFile& data);
 
-  // For tests and the tool.
-  const Tessera& At(std::int32_t bucket) const {
-    return tesserae_[static_cast<std::size_t>(bucket)];
-  }
-  const std::vector<std::string>& Started() const { return started_; }
+  const Tessera& At(std::int32_t bucket) const { return tesserae_[bucket]; }
+  // The tesserae started since the last Flush, in start order.
+  const std::vector<std::unique_ptr<StartedTessera>>& Started() const { return started_; }
   std::int32_t Setting() const { return setting_; }
 
  private:
-  // Appends one piece; true when that started the tessera.
-  bool Append(Tessera& tessera, const unsigned char* piece, std::int32_t length);
+  // Appends one piece to the tessera of `bucket`.
+  void Append(std::int32_t bucket, const unsigned char* piece, std::int32_t length);
   std::string PathOf(const std::string& name) const;
 
   std::string workDirectory_;
   OutputFile* index_;
   // Kept for the caller; this engine gives it no meaning.
   std::int32_t setting_;
-  std::vector<Tessera> tesserae_;
-  // Names of the tesserae started since the last Flush, in start order.
-  std::vector<std::string> started_;
+  std::unique_ptr<Tessera[]> tesserae_;
+  std::vector<std::unique_ptr<StartedTessera>> started_;
   AudioFingerprint fingerprint_;
 };
 
