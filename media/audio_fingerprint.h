@@ -35,7 +35,9 @@ class AudioFingerprint {
   static constexpr std::int64_t kFrameBytes = 2 * kPoints;
   static constexpr std::int32_t kBuckets = 65536;
 
-  AudioFingerprint();
+  // `allowWideVectors` false keeps the transform on two-lane vectors even
+  // where AVX is available (the results are the same either way).
+  explicit AudioFingerprint(bool allowWideVectors = true);
   AudioFingerprint(const AudioFingerprint&) = delete;
   AudioFingerprint& operator=(const AudioFingerprint&) = delete;
 
@@ -58,6 +60,7 @@ class AudioFingerprint {
   double twiddleReal_[kPoints];
   double twiddleImaginary_[kPoints];
   std::uint16_t reversed_[kPoints];
+  bool wideVectors_;
   double frameReal_[kPoints];
   double frameImaginary_[kPoints];
 };

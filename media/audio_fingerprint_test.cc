@@ -133,21 +133,24 @@ void TextbookTransform(std::vector<double>& x, std::vector<double>& y) {
 }
 
 TEST(AudioFingerprint, TransformIsBitIdenticalToTextbookLoop) {
-  AudioFingerprint fingerprint;
-  std::mt19937 random(20240607);
-  std::uniform_real_distribution<double> value(-20000.0, 20000.0);
-  for (int round = 0; round < 20; ++round) {
-    std::vector<double> x(1024), y(1024);
-    for (int i = 0; i < 1024; ++i) {
-      x[i] = value(random);
-      y[i] = round % 2 == 0 ? 0.0 : value(random);
-    }
-    std::vector<double> fx = x, fy = y;
-    TextbookTransform(x, y);
-    fingerprint.Transform(fx.data(), fy.data());
-    for (int i = 0; i < 1024; ++i) {
-      ASSERT_EQ(fx[i], x[i]) << "round " << round << " real " << i;
-      ASSERT_EQ(fy[i], y[i]) << "round " << round << " imaginary " << i;
+  for (const bool wide : {true, false}) {
+    SCOPED_TRACE(wide ? "widest vectors" : "two-lane vectors");
+    AudioFingerprint fingerprint(wide);
+    std::mt19937 random(20240607);
+    std::uniform_real_distribution<double> value(-20000.0, 20000.0);
+    for (int round = 0; round < 20; ++round) {
+      std::vector<double> x(1024), y(1024);
+      for (int i = 0; i < 1024; ++i) {
+        x[i] = value(random);
+        y[i] = round % 2 == 0 ? 0.0 : value(random);
+      }
+      std::vector<double> fx = x, fy = y;
+      TextbookTransform(x, y);
+      fingerprint.Transform(fx.data(), fy.data());
+      for (int i = 0; i < 1024; ++i) {
+        ASSERT_EQ(fx[i], x[i]) << "round " << round << " real " << i;
+        ASSERT_EQ(fy[i], y[i]) << "round " << round << " imaginary " << i;
+      }
     }
   }
 }
