@@ -58,6 +58,14 @@ AudioFingerprint::AudioFingerprint(bool allowWideVectors) {
     for (int bit = 0; bit < kStages; ++bit) r |= ((i >> bit) & 1) << (kStages - 1 - bit);
     reversed_[i] = static_cast<std::uint16_t>(r);
   }
+  int swaps = 0;
+  for (int i = 0; i < kPoints; ++i) {
+    if (i < reversed_[i]) {
+      swaps_[swaps][0] = static_cast<std::uint16_t>(i);
+      swaps_[swaps][1] = reversed_[i];
+      ++swaps;
+    }
+  }
 }
 
 namespace {
@@ -69,8 +77,13 @@ namespace {
 // The butterflies of one stage touch disjoint points, so running them group
 // by group instead of twiddle by twiddle changes no value, and neither does
 // running them two or four lanes at a time: each lane rounds as the scalar
-// operation does.
+// operation does. The last stage may also apply the final 1/1024 scaling to
+// what it stores: the same multiplication a separate pass would make.
+template <bool kScaled>
 void Stage(double* x, double* y, const double* wr, const double* wi, int half, int points) {
+#if defined(__SSE2__)
+  const __m128d scale = _mm_set1_pd(kScale);
+#endif
   for (int base = 0; base < points; base += 2 * half) {
     double* xa = x + base;
     double* ya = y + base;
@@ -86,10 +99,18 @@ void Stage(double* x, double* y, const double* wr, const double* wi, int half, i
       const __m128d y0 = _mm_loadu_pd(ya + j);
       const __m128d t1 = _mm_sub_pd(_mm_mul_pd(u1, x1), _mm_mul_pd(u2, y1));
       const __m128d t2 = _mm_add_pd(_mm_mul_pd(u1, y1), _mm_mul_pd(u2, x1));
-      _mm_storeu_pd(xb + j, _mm_sub_pd(x0, t1));
-      _mm_storeu_pd(yb + j, _mm_sub_pd(y0, t2));
-      _mm_storeu_pd(xa + j, _mm_add_pd(x0, t1));
-      _mm_storeu_pd(ya + j, _mm_add_pd(y0, t2));
+      __m128d xb1 = _mm_sub_pd(x0, t1), yb1 = _mm_sub_pd(y0, t2);
+      __m128d xa1 = _mm_add_pd(x0, t1), ya1 = _mm_add_pd(y0, t2);
+      if constexpr (kScaled) {
+        xb1 = _mm_mul_pd(xb1, scale);
+        yb1 = _mm_mul_pd(yb1, scale);
+        xa1 = _mm_mul_pd(xa1, scale);
+        ya1 = _mm_mul_pd(ya1, scale);
+      }
+      _mm_storeu_pd(xb + j, xb1);
+      _mm_storeu_pd(yb + j, yb1);
+      _mm_storeu_pd(xa + j, xa1);
+      _mm_storeu_pd(ya + j, ya1);
     }
 #else
     for (int j = 0; j < half; ++j) {
@@ -99,6 +120,12 @@ void Stage(double* x, double* y, const double* wr, const double* wi, int half, i
       yb[j] = ya[j] - t2;
       xa[j] += t1;
       ya[j] += t2;
+      if constexpr (kScaled) {
+        xb[j] *= kScale;
+        yb[j] *= kScale;
+        xa[j] *= kScale;
+        ya[j] *= kScale;
+      }
     }
 #endif
   }
@@ -107,8 +134,10 @@ void Stage(double* x, double* y, const double* wr, const double* wi, int half, i
 #if defined(ZP_HAVE_AVX_STAGE)
 // The same stage four lanes wide, for processors with AVX. Plain multiplies
 // and adds only: no fused multiply-add.
+template <bool kScaled>
 __attribute__((target("avx"))) void StageAvx(double* x, double* y, const double* wr,
                                              const double* wi, int half, int points) {
+  const __m256d scale = _mm256_set1_pd(kScale);
   for (int base = 0; base < points; base += 2 * half) {
     double* xa = x + base;
     double* ya = y + base;
@@ -123,10 +152,18 @@ __attribute__((target("avx"))) void StageAvx(double* x, double* y, const double*
       const __m256d y0 = _mm256_loadu_pd(ya + j);
       const __m256d t1 = _mm256_sub_pd(_mm256_mul_pd(u1, x1), _mm256_mul_pd(u2, y1));
       const __m256d t2 = _mm256_add_pd(_mm256_mul_pd(u1, y1), _mm256_mul_pd(u2, x1));
-      _mm256_storeu_pd(xb + j, _mm256_sub_pd(x0, t1));
-      _mm256_storeu_pd(yb + j, _mm256_sub_pd(y0, t2));
-      _mm256_storeu_pd(xa + j, _mm256_add_pd(x0, t1));
-      _mm256_storeu_pd(ya + j, _mm256_add_pd(y0, t2));
+      __m256d xb1 = _mm256_sub_pd(x0, t1), yb1 = _mm256_sub_pd(y0, t2);
+      __m256d xa1 = _mm256_add_pd(x0, t1), ya1 = _mm256_add_pd(y0, t2);
+      if constexpr (kScaled) {
+        xb1 = _mm256_mul_pd(xb1, scale);
+        yb1 = _mm256_mul_pd(yb1, scale);
+        xa1 = _mm256_mul_pd(xa1, scale);
+        ya1 = _mm256_mul_pd(ya1, scale);
+      }
+      _mm256_storeu_pd(xb + j, xb1);
+      _mm256_storeu_pd(yb + j, yb1);
+      _mm256_storeu_pd(xa + j, xa1);
+      _mm256_storeu_pd(ya + j, ya1);
     }
   }
 }
@@ -134,7 +171,8 @@ __attribute__((target("avx"))) void StageAvx(double* x, double* y, const double*
 
 }  // namespace
 
-// The ten stages over a frame already in bit-reversed order.
+// The ten stages over a frame already in bit-reversed order, ending with
+// every output scaled by 1/1024.
 void AudioFingerprint::Butterflies(double* x, double* y) const {
   // Stages one and two together, four points at a time. Their twiddles are
   // exactly (1, 0) and, in stage two, (0, -1): multiplying by them yields
@@ -156,30 +194,29 @@ void AudioFingerprint::Butterflies(double* x, double* y) const {
     y[i + 1] = b1 - a3;
     y[i + 3] = b1 + a3;
   }
-  for (int half = 4; half < kPoints; half *= 2) {
+  constexpr int kLast = kPoints / 2;
 #if defined(ZP_HAVE_AVX_STAGE)
-    if (wideVectors_) {
-      StageAvx(x, y, twiddleReal_ + half, twiddleImaginary_ + half, half, kPoints);
-      continue;
+  if (wideVectors_) {
+    for (int half = 4; half < kLast; half *= 2) {
+      StageAvx<false>(x, y, twiddleReal_ + half, twiddleImaginary_ + half, half, kPoints);
     }
-#endif
-    Stage(x, y, twiddleReal_ + half, twiddleImaginary_ + half, half, kPoints);
+    StageAvx<true>(x, y, twiddleReal_ + kLast, twiddleImaginary_ + kLast, kLast, kPoints);
+    return;
   }
+#endif
+  for (int half = 4; half < kLast; half *= 2) {
+    Stage<false>(x, y, twiddleReal_ + half, twiddleImaginary_ + half, half, kPoints);
+  }
+  Stage<true>(x, y, twiddleReal_ + kLast, twiddleImaginary_ + kLast, kLast, kPoints);
 }
 
 void AudioFingerprint::Transform(double* real, double* imaginary) const {
-  for (int i = 0; i < kPoints; ++i) {
-    const int r = reversed_[i];
-    if (i < r) {
-      std::swap(real[i], real[r]);
-      std::swap(imaginary[i], imaginary[r]);
-    }
+  for (int p = 0; p < kSwaps; ++p) {
+    const int i = swaps_[p][0], r = swaps_[p][1];
+    std::swap(real[i], real[r]);
+    std::swap(imaginary[i], imaginary[r]);
   }
   Butterflies(real, imaginary);
-  for (int i = 0; i < kPoints; ++i) {
-    real[i] *= kScale;
-    imaginary[i] *= kScale;
-  }
 }
 
 double AudioFingerprint::Of(const unsigned char* piece, std::int64_t length) {
@@ -198,10 +235,7 @@ double AudioFingerprint::Of(const unsigned char* piece, std::int64_t length) {
   // Summed in index order, as the loop does: a different order would round
   // differently.
   double sum = 0.0;
-  for (const double value : frameReal_) {
-    const double scaled = value * kScale;
-    sum += scaled * scaled;
-  }
+  for (const double value : frameReal_) sum += value * value;
   const std::int64_t divisor = std::max<std::int64_t>(used / 2, 1);
   return std::sqrt(sum / static_cast<double>(divisor));
 }

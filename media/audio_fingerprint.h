@@ -60,6 +60,9 @@ class AudioFingerprint {
   double twiddleReal_[kPoints];
   double twiddleImaginary_[kPoints];
   std::uint16_t reversed_[kPoints];
+  // The pairs (i, reversed i) with i < reversed i: the permutation as swaps.
+  static constexpr int kSwaps = (kPoints - 32) / 2;  // 32 ten-bit palindromes
+  std::uint16_t swaps_[kSwaps][2];
   bool wideVectors_;
   double frameReal_[kPoints];
   double frameImaginary_[kPoints];
