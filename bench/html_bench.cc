@@ -66,9 +66,12 @@ BENCHMARK(BM_PageOfSize)->Arg(1)->Arg(10)->Unit(benchmark::kMillisecond);
 std::string Huge(int kind, std::size_t size) {
   const std::string body(size, 'x');
   switch (kind) {
-    case 0: return "<p title=\"" + body + "\">a</p>";
-    case 1: return "<!--" + body + "-->";
-    case 2: return "<script>" + body + "</script>";
+    case 0:
+      return "<p title=\"" + body + "\">a</p>";
+    case 1:
+      return "<!--" + body + "-->";
+    case 2:
+      return "<script>" + body + "</script>";
     default: {  // one tag with size / 2 attributes
       std::string tag = "<a";
       for (std::size_t i = 0; i < size / 2; ++i) tag += " b";
@@ -78,8 +81,8 @@ std::string Huge(int kind, std::size_t size) {
 }
 
 void BM_HugeConstruct(benchmark::State& state) {
-  const std::string page = Huge(static_cast<int>(state.range(0)),
-                                static_cast<std::size_t>(state.range(1)) << 20);
+  const std::string page =
+      Huge(static_cast<int>(state.range(0)), static_cast<std::size_t>(state.range(1)) << 20);
   std::string scratch;
   for (auto _ : state) ParseWithZelvar(page, scratch);
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * page.size()));

@@ -11,14 +11,14 @@ cmake --preset bench >/dev/null
 cmake --build build/bench -j"$(nproc)" --target html_bench html_once
 
 corpus=build/bench/html-corpus
-if [ ! -d "$corpus" ]; then
+if [ -z "$(ls -A "$corpus" 2>/dev/null)" ]; then
   mkdir -p "$corpus"
-  find /usr/share/doc/python3-doc/html -name '*.html' -size +2k | sort | head -400 |
+  find -L /usr/share/doc/python3-doc/html -name '*.html' -size +2k | sort | head -400 |
     while read -r page; do cp "$page" "$corpus/$(echo "${page#/usr/share/doc/python3-doc/html/}" | tr / _)"; done
 fi
 echo "corpus: $(ls "$corpus" | wc -l) pages, $(du -sb "$corpus" | cut -f1) bytes"
 
-ZP_HTML_CORPUS=$corpus build/bench/html_bench --benchmark_min_time=1 \
+ZP_HTML_CORPUS=$corpus build/bench/bench/html_bench --benchmark_min_time=1 \
   --benchmark_format=json --benchmark_out=build/bench/html.json --benchmark_out_format=json \
   >/dev/null
 python3 - build/bench/html.json <<'PY'
@@ -38,10 +38,10 @@ for kind, label in enumerate(["attribute value", "comment", "script text", "attr
 PY
 
 count() {  # instructions of one pass of `html_once $1` over the corpus
-  valgrind --tool=callgrind --callgrind-out-file=/dev/null build/bench/html_once "$1" "$corpus" 2>&1 |
+  valgrind --tool=callgrind --callgrind-out-file=/dev/null build/bench/bench/html_once "$1" "$corpus" 2>&1 |
     sed -n 's/.*Collected : *\([0-9]*\).*/\1/p'
 }
-bytes=$(build/bench/html_once load "$corpus")
+bytes=$(build/bench/bench/html_once load "$corpus")
 base=$(count load)
 for parser in zelvar gumbo; do
   total=$(count $parser)

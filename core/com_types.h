@@ -20,8 +20,9 @@ constexpr HRESULT STG_E_INVALIDFUNCTION = static_cast<HRESULT>(0x80030001u);
 // An operating-system error code as an HRESULT: positive codes get the
 // system facility, zero and negative values pass through unchanged.
 constexpr HRESULT HresultFromSystemError(std::int32_t error) {
-  return error > 0 ? static_cast<HRESULT>(0x80070000u | (static_cast<std::uint32_t>(error) & 0xFFFFu))
-                   : error;
+  return error > 0
+             ? static_cast<HRESULT>(0x80070000u | (static_cast<std::uint32_t>(error) & 0xFFFFu))
+             : error;
 }
 
 struct IID {

@@ -19,7 +19,8 @@ std::uint32_t HashOfDecimal(std::uint32_t x) {
 std::int32_t CollateHash(const unsigned char* bytes, std::size_t count) {
   std::uint32_t h = 0;
   for (std::size_t i = 0; i < count; ++i) {
-    const auto c = static_cast<std::uint32_t>(static_cast<std::int32_t>(static_cast<signed char>(bytes[i])));
+    const auto c =
+        static_cast<std::uint32_t>(static_cast<std::int32_t>(static_cast<signed char>(bytes[i])));
     h = ((h << 8) | (h >> 24)) + c;
   }
   return static_cast<std::int32_t>(h);

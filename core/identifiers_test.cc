@@ -52,10 +52,11 @@ TEST(Identifiers, NewGuidIsRandomVersionFour) {
 
 TEST(Identifiers, GuidShapeRejectsAnythingElse) {
   EXPECT_TRUE(IsGuidShaped("{6B29FC40-CA47-1067-B31D-00DD010662DA}"));
-  for (const char* bad : {"", "{6b29fc40-ca47-1067-b31d-00dd010662da}",
-                          "{6B29FC40-CA47-1067-B31D-00DD010662DA", "6B29FC40-CA47-1067-B31D-00DD010662DA",
-                          "{6B29FC40-CA47-1067-B31D-00DD010662D/}", "{../../../../etc/passwd/xxxxxxxxxxxx}",
-                          "{6B29FC40-CA47-1067-B31D-00DD010662DA}x", "{6B29FC40+CA47-1067-B31D-00DD010662DA}"}) {
+  for (const char* bad :
+       {"", "{6b29fc40-ca47-1067-b31d-00dd010662da}", "{6B29FC40-CA47-1067-B31D-00DD010662DA",
+        "6B29FC40-CA47-1067-B31D-00DD010662DA", "{6B29FC40-CA47-1067-B31D-00DD010662D/}",
+        "{../../../../etc/passwd/xxxxxxxxxxxx}", "{6B29FC40-CA47-1067-B31D-00DD010662DA}x",
+        "{6B29FC40+CA47-1067-B31D-00DD010662DA}"}) {
     EXPECT_FALSE(IsGuidShaped(bad)) << bad;
   }
 }

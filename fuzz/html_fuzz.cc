@@ -38,9 +38,9 @@ class CheckingConsumer : public CHtmlConstructorEvents {
   std::int32_t limit_;
 };
 
-constexpr std::uint32_t kStates[] = {
-    HtmlTokenizer::kDataState,    HtmlTokenizer::kRcdataState,    HtmlTokenizer::kRawtextState,
-    HtmlTokenizer::kScriptDataState, HtmlTokenizer::kPlaintextState};
+constexpr std::uint32_t kStates[] = {HtmlTokenizer::kDataState, HtmlTokenizer::kRcdataState,
+                                     HtmlTokenizer::kRawtextState, HtmlTokenizer::kScriptDataState,
+                                     HtmlTokenizer::kPlaintextState};
 
 }  // namespace
 

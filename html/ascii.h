@@ -33,6 +33,17 @@ inline bool EqualsIgnoringAsciiCase(const unsigned char* bytes, const char* lite
   return true;
 }
 
+// The bytes that end a run of ordinary bytes in one tokenizer state. CR and
+// NUL always do, so that folding and dropping stay with the per-byte code.
+struct StopBytes {
+  explicit constexpr StopBytes(const char* stops) : marked{} {
+    marked[static_cast<unsigned char>('\r')] = true;
+    marked[0] = true;
+    for (; *stops != 0; ++stops) marked[static_cast<unsigned char>(*stops)] = true;
+  }
+  bool marked[256];
+};
+
 }  // namespace zelvarpack::html
 
 #endif  // ZELVARPACK_HTML_ASCII_H_

@@ -18,6 +18,9 @@ class CHtmlConstructor : public CHtmlTokenizerEvents {
   CHtmlConstructor& operator=(const CHtmlConstructor&) = delete;
 
   void OnToken(HtmlTextToken* text, HtmlDoctypeToken* doctype, HtmlTagToken* tag) override;
+  void OnCharacter(HtmlTextToken* text) override {
+    if (events != nullptr) events->OnText(text);
+  }
 
   HtmlTokenizer* Tokenizer() { return tokenizer; }
 

@@ -87,6 +87,7 @@ HtmlTokenizer::HtmlTokenizer() : state(kDataState) {
   static_assert(std::size(kStateSteps) == kStateCount, "one step per state value");
   comment_.kind = HtmlTextToken::kComment;
   cdata_.cdata = true;
+  character_.text.SetByte(' ');
 }
 
 HtmlTokenizer::~HtmlTokenizer() = default;
@@ -117,6 +118,21 @@ void HtmlTokenizer::Tokenize(unsigned char* input, int length) {
 // ---------------------------------------------------------------------------
 // Helpers
 
+namespace {
+
+// Per state, the bytes that need the per-byte path; all others are appended
+// to the token in one run.
+constexpr zelvarpack::html::StopBytes kTagNameStops("\t\n\f />");
+constexpr zelvarpack::html::StopBytes kAttributeNameStops("\t\n\f /=>");
+constexpr zelvarpack::html::StopBytes kDoubleQuotedValueStops("\"&");
+constexpr zelvarpack::html::StopBytes kSingleQuotedValueStops("'&");
+constexpr zelvarpack::html::StopBytes kUnquotedValueStops("\t\n\f &>");
+constexpr zelvarpack::html::StopBytes kCommentStops("-");
+constexpr zelvarpack::html::StopBytes kBogusCommentStops(">");
+constexpr zelvarpack::html::StopBytes kCdataSectionStops(">");
+
+}  // namespace
+
 bool HtmlTokenizer::Lookahead(std::size_t pos, const char* literal, std::size_t n) const {
   return length_ - pos >= n && std::memcmp(input_ + pos, literal, n) == 0;
 }
@@ -127,17 +143,13 @@ bool HtmlTokenizer::LookaheadIgnoringCase(std::size_t pos, const char* literal,
 }
 
 void HtmlTokenizer::EmitCharacter(unsigned char c) {
-  character_.kind = HtmlTextToken::kCharacter;
-  character_.cdata = false;
-  character_.text.SetByte(c);
-  if (events != nullptr) events->OnToken(&character_, nullptr, nullptr);
+  // Only the byte changes from one character token to the next.
+  character_.text.data[0] = c;
+  if (events != nullptr) events->OnCharacter(&character_);
 }
 
 void HtmlTokenizer::EmitReplacementCharacter() {
-  character_.kind = HtmlTextToken::kCharacter;
-  character_.cdata = false;
-  character_.text.Forget();
-  if (events != nullptr) events->OnToken(&character_, nullptr, nullptr);
+  if (events != nullptr) events->OnCharacter(&empty_character_);
 }
 
 void HtmlTokenizer::EmitTag() {
@@ -353,6 +365,8 @@ std::size_t HtmlTokenizer::EndTagOpenState(std::size_t pos) {
 // Tag name state
 std::size_t HtmlTokenizer::TagNameState(std::size_t pos) {
   while (!AtEnd(pos)) {
+    pos = AppendRun(pos, kTagNameStops, tag_.name);
+    if (AtEnd(pos)) break;
     const unsigned char c = input_[pos];
     if (IsHtmlSpace(c)) {
       state = kBeforeAttributeNameState;
@@ -407,6 +421,8 @@ std::size_t HtmlTokenizer::BeforeAttributeNameState(std::size_t pos) {
 std::size_t HtmlTokenizer::AttributeNameState(std::size_t pos) {
   HtmlString& name = CurrentAttribute()->name;
   while (!AtEnd(pos)) {
+    pos = AppendRun(pos, kAttributeNameStops, name);
+    if (AtEnd(pos)) break;
     const unsigned char c = input_[pos];
     if (IsHtmlSpace(c)) {
       state = kAfterAttributeNameState;
@@ -499,6 +515,8 @@ std::size_t HtmlTokenizer::BeforeAttributeValueState(std::size_t pos) {
 std::size_t HtmlTokenizer::AttributeValueQuoted(std::size_t pos, unsigned char quote) {
   HtmlString& value = CurrentAttribute()->value;
   while (!AtEnd(pos)) {
+    pos = AppendRun(pos, quote == '"' ? kDoubleQuotedValueStops : kSingleQuotedValueStops, value);
+    if (AtEnd(pos)) break;
     const unsigned char c = input_[pos];
     if (c == quote) {
       state = kAfterAttributeValueQuotedState;
@@ -529,6 +547,8 @@ std::size_t HtmlTokenizer::AttributeValueSingleQuotedState(std::size_t pos) {
 std::size_t HtmlTokenizer::AttributeValueUnquotedState(std::size_t pos) {
   HtmlString& value = CurrentAttribute()->value;
   while (!AtEnd(pos)) {
+    pos = AppendRun(pos, kUnquotedValueStops, value);
+    if (AtEnd(pos)) break;
     const unsigned char c = input_[pos];
     if (IsHtmlSpace(c)) {
       state = kBeforeAttributeNameState;
@@ -943,6 +963,8 @@ std::size_t HtmlTokenizer::ScriptDataDoubleEscapeEndState(std::size_t pos) {
 std::size_t HtmlTokenizer::BogusCommentState(std::size_t pos) {
   HtmlString& text = comment_.text;
   while (!AtEnd(pos)) {
+    pos = AppendRun(pos, kBogusCommentStops, text);
+    if (AtEnd(pos)) break;
     const unsigned char c = input_[pos];
     if (c == '>') {
       state = kDataState;
@@ -1028,6 +1050,8 @@ std::size_t HtmlTokenizer::CommentStartDashState(std::size_t pos) {
 std::size_t HtmlTokenizer::CommentState(std::size_t pos) {
   HtmlString& text = comment_.text;
   while (!AtEnd(pos)) {
+    pos = AppendRun(pos, kCommentStops, text);
+    if (AtEnd(pos)) break;
     const unsigned char c = input_[pos];
     if (c == '-') {
       state = kCommentEndDashState;
@@ -1356,6 +1380,8 @@ std::size_t HtmlTokenizer::BogusDoctypeState(std::size_t pos) {
 std::size_t HtmlTokenizer::CdataSectionState(std::size_t pos) {
   HtmlString& text = cdata_.text;
   while (!AtEnd(pos)) {
+    pos = AppendRun(pos, kCdataSectionStops, text);
+    if (AtEnd(pos)) break;
     const unsigned char c = input_[pos];
     if (c == '>' && text.length >= 2 && text.data[text.length - 1] == ']' &&
         text.data[text.length - 2] == ']') {

@@ -16,6 +16,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "html/ascii.h"
 #include "zelvarpack/html_events.h"
 
 // Receives each token the moment it is complete. Exactly one of the three
@@ -24,6 +25,9 @@ class CHtmlTokenizerEvents {
  public:
   virtual ~CHtmlTokenizerEvents();
   virtual void OnToken(HtmlTextToken* text, HtmlDoctypeToken* doctype, HtmlTagToken* tag) = 0;
+  // One byte of character data: the hottest event, so a receiver may take it
+  // without the three-way test. Same meaning as OnToken(text, null, null).
+  virtual void OnCharacter(HtmlTextToken* text) { OnToken(text, nullptr, nullptr); }
 };
 
 class HtmlTokenizer {
@@ -149,6 +153,19 @@ class HtmlTokenizer {
   // skipped as one of the LFs following that CR.
   std::size_t Reconsume(std::size_t pos) { return Fold(pos); }
   bool AtEnd(std::size_t pos) const { return pos >= length_; }
+
+  // Appends the run of ordinary bytes from `pos` to `out` and returns the
+  // (folded) position of the first stop byte. A pending CR fold makes the
+  // run empty: the LFs after a CR are skipped by the per-byte path.
+  std::size_t AppendRun(std::size_t pos, const zelvarpack::html::StopBytes& stops,
+                        HtmlString& out) {
+    if (last_was_cr_) return pos;
+    std::size_t end = pos;
+    while (end < length_ && !stops.marked[input_[end]]) ++end;
+    if (end == pos) return pos;
+    out.Append(input_ + pos, end - pos);
+    return Fold(end);
+  }
   bool Lookahead(std::size_t pos, const char* literal, std::size_t n) const;
   bool LookaheadIgnoringCase(std::size_t pos, const char* literal, std::size_t n) const;
 
@@ -268,8 +285,9 @@ class HtmlTokenizer {
   bool tag_seen_ = false;
 
   // Token records, reused from token to token.
-  HtmlTextToken character_;  // one byte of character data
-  HtmlTextToken cdata_;      // a whole CDATA section
+  HtmlTextToken character_;        // one byte of character data
+  HtmlTextToken empty_character_;  // a dropped NUL in the text states
+  HtmlTextToken cdata_;            // a whole CDATA section
   HtmlTextToken comment_;
   HtmlTagToken tag_;
   HtmlDoctypeToken doctype_;

@@ -146,6 +146,26 @@ TEST(HtmlTokenizer, Tags) {
   });
 }
 
+// Names, values, comments and CDATA are appended a run at a time; CR folding
+// and NUL dropping must behave exactly as on the byte-by-byte path, also at
+// the edges of a run.
+TEST(HtmlTokenizer, RunsInsideTokensFoldAndDropLikeSingleBytes) {
+  ExpectTokens({
+      {"<a b=\"x\r\n\ny\rz\">", R"(<a b="x\ny\nz">)"},
+      {"<a b='\r\n'>", R"(<a b="\n">)"},
+      {B("<a b=\"\0x\0\" c=u\0v>"), R"(<a b="x" c="uv">)"},
+      {"<ab\rc>", R"(<ab c="">)"},
+      {"<a bc\rd=1>", R"(<a bc="" d="1">)"},
+      {"<a b=c\rd=1>", R"(<a b="c" d="1">)"},
+      {"<!--a\r\n\r\rb-->", R"(C"a\n\n\nb")"},
+      {B("<!--a\0b-->"), R"(C"ab")"},
+      {"<?a\r\nb>", R"(C"?a\nb")"},
+      {B("<?a\0b>"), R"(C"?ab")"},
+      {"<p><![CDATA[a\r\nb]]]>", R"(<p> CDATA"a\nb]")"},
+      {B("<p><![CDATA[\0]>]]>"), R"(<p> CDATA"\0]>")"},
+  });
+}
+
 TEST(HtmlTokenizer, EndOfInputInsideEveryConstruct) {
   ExpectTokens({
       {"<", R"("<")"},

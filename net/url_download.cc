@@ -74,11 +74,13 @@ CacheEntry ReadEntry(const std::string& path) {
   int found = 0;
   for (; found < 3; ++found) {
     const std::size_t end = rest.find('\n');
-    if (end == std::string_view::npos) break;
+    if (end == std::string_view::npos) {
+      lines[found] = rest;  // an unterminated last line still counts
+      break;
+    }
     lines[found] = rest.substr(0, end);
     rest.remove_prefix(end + 1);
   }
-  if (found == 0) lines[0] = rest;  // line 1 unterminated
   entry.travelled = ParseLong(lines[0]);
   entry.etag = std::string(lines[1]);
   entry.lastModified = std::string(lines[2]);

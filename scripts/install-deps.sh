@@ -3,9 +3,11 @@
 # Usage: scripts/install-deps.sh [extra-package ...]
 set -euo pipefail
 
-# alsa-utils and espeak-ng give the audio tests real recordings and speech.
+# libcurl4-openssl-dev: the HTTP client; nginx, openssl: the download tests'
+# loopback server and its throw-away certificate authority. alsa-utils and
+# espeak-ng: real recordings and speech for the audio tests.
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev zlib1g-dev python3
-  alsa-utils espeak-ng "$@")
+  libcurl4-openssl-dev ca-certificates nginx openssl alsa-utils espeak-ng "$@")
 missing=()
 for package in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' ||
@@ -18,4 +20,12 @@ sudo=""
 [ "$(id -u)" -ne 0 ] && sudo="sudo"
 export DEBIAN_FRONTEND=noninteractive
 $sudo apt-get update -qq
+# Tests start their own nginx on loopback addresses; the packaged service
+# would take port 80 on every address, so it is not started on install.
+policy=/usr/sbin/policy-rc.d
+if [ ! -e "$policy" ]; then
+  printf '#!/bin/sh\nexit 101\n' | $sudo tee "$policy" >/dev/null
+  $sudo chmod +x "$policy"
+  trap '$sudo rm -f "$policy"' EXIT
+fi
 $sudo apt-get install -y -qq "${missing[@]}" >/dev/null

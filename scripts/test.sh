@@ -8,6 +8,15 @@ cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 jobs=$(nproc)
 
+# The download tests bind port 80 and 443 of their own loopback addresses
+# (as root), which a server listening on every address would block.
+if ss -Hltn '( sport = :80 or sport = :443 )' 2>/dev/null | awk '{print $4}' |
+  grep -qE '^(0\.0\.0\.0|\*|\[::\]):'; then
+  echo "a server listens on port 80 or 443 of every address; stop it first (for the" >&2
+  echo "packaged nginx: systemctl stop nginx)" >&2
+  exit 1
+fi
+
 cmake --preset default >/dev/null
 cmake --build build/default -j"$jobs"
 ctest --test-dir build/default -j"$jobs" --output-on-failure

@@ -30,8 +30,8 @@ TEST(SharedLibrary, ExportsHostSurfaceOnly) {
         "CMetaFinder::Destroy(void*, int&)"}) {
     EXPECT_NE(symbols.find(wanted), std::string::npos) << wanted;
   }
-  for (const char* hidden : {"HtmlTokenizer::Tokenize", "CHtmlConstructor::OnToken",
-                             "IdFromNumber", "TryOpenLocked"}) {
+  for (const char* hidden :
+       {"HtmlTokenizer::Tokenize", "CHtmlConstructor::OnToken", "IdFromNumber", "TryOpenLocked"}) {
     EXPECT_EQ(symbols.find(hidden), std::string::npos) << hidden;
   }
 }

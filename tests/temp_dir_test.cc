@@ -8,7 +8,8 @@
 #include <stdexcept>
 
 TempDir::TempDir() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "zelvarpack-test-XXXXXX").string();
+  std::string pattern =
+      (std::filesystem::temp_directory_path() / "zelvarpack-test-XXXXXX").string();
   if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
   path_ = pattern;
 }

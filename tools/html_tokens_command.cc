@@ -183,8 +183,7 @@ int RunHtmlTokens(zelvarpack::cli::Arguments& args) {
     tokenizer->SetLastStartTagName(reinterpret_cast<const unsigned char*>(lastStartTag.data()),
                                    lastStartTag.size());
   }
-  tokenizer->Tokenize(reinterpret_cast<unsigned char*>(page.data()),
-                      static_cast<int>(page.size()));
+  tokenizer->Tokenize(reinterpret_cast<unsigned char*>(page.data()), static_cast<int>(page.size()));
   printer.FlushText();
   if (throughConstructor) printer.Quirks(constructor.quirksMode != 0);
   if (!throughConstructor) tokenizer->events = &constructor;
