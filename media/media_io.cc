@@ -62,7 +62,7 @@ void OutputFile::Open(const std::string& finalPath) {
   unsigned char random[8];
   FillRandom(random, sizeof random);
   char suffix[2 * sizeof random + 8];
-  std::snprintf(suffix, sizeof suffix, ".%02x%02x%02x%02x%02x%02x%02x%02x.part", random[0],
+  std::snprintf(suffix, sizeof suffix, ".tmp.%02x%02x%02x%02x%02x%02x%02x%02x", random[0],
                 random[1], random[2], random[3], random[4], random[5], random[6], random[7]);
   temporaryPath_ = finalPath + suffix;
   finalPath_ = finalPath;

@@ -30,8 +30,9 @@ std::int64_t ReadFully(int fd, void* bytes, std::size_t count);
 bool WriteFully(int fd, const void* bytes, std::size_t count);
 
 // A file written through a 64 KiB buffer under the name
-// <final path>.<random hex>.part in the final folder, renamed onto the final
-// path by Publish. Write errors throw "Could not open file.".
+// <final path>.tmp.<random hex> in the final folder (as the cache files are),
+// renamed onto the final path by Publish. Write errors throw "Could not open
+// file.".
 class OutputFile {
  public:
   OutputFile() = default;
