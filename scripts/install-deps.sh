@@ -4,9 +4,10 @@
 set -euo pipefail
 
 # libcurl4-openssl-dev: the HTTP client; nginx, openssl: the download tests'
-# loopback server and its throw-away certificate authority.
+# loopback server and its throw-away certificate authority. alsa-utils and
+# espeak-ng: real recordings and speech for the audio tests.
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev zlib1g-dev python3
-  libcurl4-openssl-dev ca-certificates nginx openssl "$@")
+  libcurl4-openssl-dev ca-certificates nginx openssl alsa-utils espeak-ng "$@")
 missing=()
 for package in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' ||

@@ -56,5 +56,6 @@ int RunCssTokens(zelvarpack::cli::Arguments& args);
 int RunMinifyCss(zelvarpack::cli::Arguments& args);
 int RunCss(zelvarpack::cli::Arguments& args);
 int RunStyle(zelvarpack::cli::Arguments& args);
+int RunAudio(zelvarpack::cli::Arguments& args);
 
 #endif  // ZELVARPACK_TOOLS_CLI_H_

@@ -23,7 +23,10 @@ constexpr char kUsage[] =
     "  minify-css [--name URL] FILE...              write the sheets combined and minified\n"
     "  css store [--cache DIR] [--name URL] FILE... store the minified sheets, print the id\n"
     "  css get [--cache DIR] [--gzip] ID            write a stored sheet; gzip choice on stderr\n"
-    "  style STYLE-TEXT                             print what the style finder sees as JSON\n";
+    "  style STYLE-TEXT                             print what the style finder sees as JSON\n"
+    "  audio pack --work DIR --index FILE --data FILE WAV...\n"
+    "                                               pack WAV files into tesserae and print\n"
+    "                                               the sizes\n";
 
 struct Command {
   const char* name;
@@ -40,6 +43,7 @@ constexpr Command kCommands[] = {
     {"minify-css", RunMinifyCss},
     {"css", RunCss},
     {"style", RunStyle},
+    {"audio", RunAudio},
 };
 
 }  // namespace
