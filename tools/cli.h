@@ -57,5 +57,6 @@ int RunMinifyCss(zelvarpack::cli::Arguments& args);
 int RunCss(zelvarpack::cli::Arguments& args);
 int RunStyle(zelvarpack::cli::Arguments& args);
 int RunAudio(zelvarpack::cli::Arguments& args);
+int RunStore(zelvarpack::cli::Arguments& args);
 
 #endif  // ZELVARPACK_TOOLS_CLI_H_

@@ -26,7 +26,12 @@ constexpr char kUsage[] =
     "  style STYLE-TEXT                             print what the style finder sees as JSON\n"
     "  audio pack --work DIR --index FILE --data FILE WAV...\n"
     "                                               pack WAV files into tesserae and print\n"
-    "                                               the sizes\n";
+    "                                               the sizes\n"
+    "  store add [--db CONNECTION] FILE...          store files in chunks, print each new id\n"
+    "  store get [--db CONNECTION] ID [-o FILE]     write a stored file back\n"
+    "  store stats [--db CONNECTION]                files, chunks, composites, bytes, ratio\n"
+    "      CONNECTION: an ODBC connection string, or a SQLite database file\n"
+    "      (default: zelvarpack-store.db in the current folder)\n";
 
 struct Command {
   const char* name;
@@ -44,6 +49,7 @@ constexpr Command kCommands[] = {
     {"css", RunCss},
     {"style", RunStyle},
     {"audio", RunAudio},
+    {"store", RunStore},
 };
 
 }  // namespace

@@ -1,0 +1,440 @@
+#include "store/file_store.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <map>
+#include <memory>
+
+#include "net/zlib_codec.h"
+#include "store/chunk_fingerprint.h"
+#include "store/odbc_connection.h"
+#include "store/sql_dialect.h"
+
+namespace zelvarpack::store {
+
+namespace {
+
+constexpr int kMaxChunksPerComposite = 25;
+constexpr std::size_t kMaxCompositeBytes = kMaxChunksPerComposite * kChunkBytes;
+
+using Bytes = std::vector<unsigned char>;
+
+// Statements prepared once per connection, keyed by their (static) text.
+class Statements {
+ public:
+  explicit Statements(OdbcConnection& db) : db_(db) {}
+
+  OdbcStatement* Get(const char* sql) {
+    std::unique_ptr<OdbcStatement>& slot = prepared_[sql];
+    if (slot == nullptr) {
+      std::unique_ptr<OdbcStatement> statement = db_.NewStatement();
+      if (statement == nullptr || !statement->Prepare(sql)) return nullptr;
+      slot = std::move(statement);
+    }
+    return slot.get();
+  }
+
+ private:
+  OdbcConnection& db_;
+  std::map<const char*, std::unique_ptr<OdbcStatement>> prepared_;
+};
+
+// A composite's stored form: its gzip form when strictly shorter than the
+// bytes themselves, else the bytes.
+class StoredForm {
+ public:
+  // False when compression fails.
+  bool Make(const Bytes& plain) {
+    gzip_ = net::Compress(plain.data(), plain.size(), net::ZlibFormat::kGzip);
+    const auto gzipSize = static_cast<std::size_t>(gzip_->GetValueLength());
+    if (gzipSize == 0) return false;  // a gzip member is never empty
+    compressed_ = gzipSize < plain.size();
+    bytes_ = compressed_ ? gzip_->GetValue() : plain.data();
+    count_ = compressed_ ? gzipSize : plain.size();
+    return true;
+  }
+  const unsigned char* bytes() const { return bytes_; }
+  std::size_t count() const { return count_; }
+  bool compressed() const { return compressed_; }
+
+ private:
+  std::unique_ptr<CZelvarBuffer> gzip_;
+  const unsigned char* bytes_ = nullptr;
+  std::size_t count_ = 0;
+  bool compressed_ = false;
+};
+
+// The uncompressed bytes of a composite as stored: gunzipped when flagged.
+bool Unpack(const Bytes& data, bool compressed, Bytes& plain) {
+  if (!compressed) {
+    plain = data;
+  } else {
+    std::unique_ptr<CZelvarBuffer> out =
+        net::Decompress(data.data(), data.size(), net::ZlibFormat::kGzip, kMaxCompositeBytes);
+    plain.assign(out->GetValue(), out->GetValue() + out->GetValueLength());
+  }
+  // Every composite holds at least one byte; none means corrupt data.
+  return !plain.empty();
+}
+
+bool ReadOneInt32(OdbcStatement* statement, std::int32_t& value) {
+  const bool ok = statement->Fetch() == OdbcStatement::Row::kRow && statement->GetInt32(1, value);
+  statement->CloseCursor();
+  return ok;
+}
+
+// Reads a composite's flag and data by id.
+bool ReadComposite(Statements& statements, const Dialect& d, std::int32_t id, Bytes& plain) {
+  OdbcStatement* read = statements.Get(d.compositeData);
+  if (read == nullptr) return false;
+  read->SetInt32(1, id);
+  bool compressed = false;
+  Bytes data;
+  const bool ok = read->Execute() && read->Fetch() == OdbcStatement::Row::kRow &&
+                  read->GetBit(1, compressed) && read->GetBinary(2, data);
+  read->CloseCursor();
+  return ok && Unpack(data, compressed, plain);
+}
+
+// Creates the tables when any is missing, and ends the transaction either
+// way, so that the file's own transaction starts afresh (SQLite would
+// otherwise hold a read lock it could not upgrade while another writer
+// waits).
+bool EnsureTables(OdbcConnection& db, const Dialect& d) {
+  std::int32_t present = 0;
+  {
+    std::unique_ptr<OdbcStatement> probe = db.NewStatement();
+    if (probe == nullptr || !probe->Prepare(d.tablesPresent) || !probe->Execute() ||
+        !ReadOneInt32(probe.get(), present)) {
+      return false;
+    }
+  }
+  if (present < 3) {
+    for (const std::string& statement : d.schema) {
+      if (!db.ExecuteDirect(statement)) return false;
+    }
+  }
+  return db.Commit();
+}
+
+// One file's transaction.
+class FileWriter {
+ public:
+  FileWriter(OdbcConnection& db, const Dialect& d, const StoreOptions& options)
+      : db_(db), d_(d), options_(options), statements_(db) {}
+
+  bool Run(const unsigned char* bytes, std::int32_t count, std::int32_t& fileId) {
+    if (d_.lockForWrite != nullptr && !db_.ExecuteDirect(d_.lockForWrite)) return false;
+    OdbcStatement* insert = statements_.Get(d_.insertFile);
+    if (insert == nullptr) return false;
+    insert->SetInt32(1, count);
+    if (!insert->Execute() || !ReadIdentity(insert, fileId)) return false;
+    const auto total = static_cast<std::size_t>(count);
+    for (std::size_t offset = 0; offset < total; offset += kChunkBytes) {
+      if (!AddChunk(fileId, bytes + offset, std::min(kChunkBytes, total - offset))) return false;
+    }
+    return WritePending();
+  }
+
+ private:
+  // A composite touched by this transaction whose bytes are not written yet.
+  struct Pending {
+    Bytes plain;
+  };
+
+  bool ReadIdentity(OdbcStatement* insert, std::int32_t& id) {
+    switch (d_.identityFrom) {
+      case IdentityFrom::kNextResult:
+        return insert->NextResult() && ReadOneInt32(insert, id);
+      case IdentityFrom::kSameResult:
+        return ReadOneInt32(insert, id);
+      case IdentityFrom::kSeparateQuery: {
+        insert->CloseCursor();
+        OdbcStatement* last = statements_.Get(d_.lastIdentity);
+        return last != nullptr && last->Execute() && ReadOneInt32(last, id);
+      }
+    }
+    return false;
+  }
+
+  bool AddChunk(std::int32_t fileId, const unsigned char* chunk, std::size_t length) {
+    const double fingerprint = ChunkFingerprint(chunk, length);
+    OdbcStatement* find = statements_.Get(d_.findComposite);
+    if (find == nullptr) return false;
+    find->SetDouble(1, fingerprint);
+    find->SetDouble(2, fingerprint);
+    if (!find->Execute()) return false;
+    const OdbcStatement::Row row = find->Fetch();
+    if (row == OdbcStatement::Row::kError) return false;
+    if (row == OdbcStatement::Row::kEnd) {
+      find->CloseCursor();
+      return NewComposite(fileId, chunk, length, fingerprint);
+    }
+
+    // Columns in increasing order, as drivers require.
+    const MatchColumns& m = d_.match;
+    std::int32_t id = 0;
+    std::int32_t chunks = 0;
+    std::int32_t maxOrdinal = 0;
+    bool compressed = false;
+    double sum = 0;
+    Bytes data;
+    if (!find->GetInt32(m.compositeId, id) || !find->GetInt32(m.chunks, chunks)) return false;
+    auto pending = pending_.find(id);
+    const bool known = pending != pending_.end();
+    if (m.data != 0 && !known && !find->GetBinary(m.data, data)) return false;
+    if (!find->GetBit(m.isCompressed, compressed) || !find->GetInt32(m.maxOrdinal, maxOrdinal) ||
+        !find->GetDouble(m.sumFftRms, sum)) {
+      return false;
+    }
+    find->CloseCursor();
+
+    Bytes fetched;
+    Bytes& plain = known ? pending->second.plain : fetched;
+    if (!known) {
+      const bool read =
+          m.data != 0 ? Unpack(data, compressed, plain) : ReadComposite(statements_, d_, id, plain);
+      if (!read) return false;
+    }
+    const std::size_t before = plain.size();
+    if (before + length > kMaxCompositeBytes) return false;
+    plain.insert(plain.end(), chunk, chunk + length);
+    const double composite = (sum + fingerprint) / (chunks + 1);
+
+    if (options_.deferCompression) {
+      OdbcStatement* update = statements_.Get(d_.updateCompositeCounts);
+      if (update == nullptr) return false;
+      update->SetDouble(1, composite);
+      update->SetInt32(2, id);
+      if (!update->Execute()) return false;
+      pendingBytes_ += length;
+      if (!known) {
+        pendingBytes_ += before;
+        pending_[id].plain = std::move(fetched);
+      }
+    } else {
+      StoredForm form;
+      OdbcStatement* update = statements_.Get(d_.updateComposite);
+      if (update == nullptr || !form.Make(plain)) return false;
+      update->SetBinary(1, form.bytes(), form.count(), d_.longBinary);
+      update->SetDouble(2, composite);
+      update->SetBit(3, form.compressed());
+      update->SetInt32(4, id);
+      if (!update->Execute()) return false;
+    }
+    return InsertChunk(fileId, maxOrdinal + 1, id, static_cast<std::int32_t>(before) + 1, length,
+                       fingerprint) &&
+           WritePendingIfLarge();
+  }
+
+  bool NewComposite(std::int32_t fileId, const unsigned char* chunk, std::size_t length,
+                    double fingerprint) {
+    OdbcStatement* insert = statements_.Get(d_.insertComposite);
+    if (insert == nullptr) return false;
+    Bytes plain(chunk, chunk + length);
+    StoredForm form;
+    if (options_.deferCompression) {
+      // The chunk as it is for now; its stored form is written at the end.
+      insert->SetBinary(1, plain.data(), plain.size(), d_.longBinary);
+      insert->SetBit(3, false);
+    } else {
+      if (!form.Make(plain)) return false;
+      insert->SetBinary(1, form.bytes(), form.count(), d_.longBinary);
+      insert->SetBit(3, form.compressed());
+    }
+    insert->SetDouble(2, fingerprint);
+    std::int32_t id = 0;
+    if (!insert->Execute() || !ReadIdentity(insert, id)) return false;
+    if (options_.deferCompression) {
+      pendingBytes_ += length;
+      pending_[id].plain = std::move(plain);
+    }
+    return InsertChunk(fileId, 1, id, 1, length, fingerprint) && WritePendingIfLarge();
+  }
+
+  bool InsertChunk(std::int32_t fileId, std::int32_t ordinal, std::int32_t compositeId,
+                   std::int32_t start, std::size_t length, double fingerprint) {
+    OdbcStatement* insert = statements_.Get(d_.insertChunk);
+    if (insert == nullptr) return false;
+    insert->SetInt32(1, fileId);
+    insert->SetInt32(2, ordinal);
+    insert->SetInt32(3, compositeId);
+    insert->SetInt32(4, start);
+    insert->SetInt32(5, static_cast<std::int32_t>(length));
+    insert->SetDouble(6, fingerprint);
+    return insert->Execute();
+  }
+
+  bool WritePendingIfLarge() {
+    return pendingBytes_ <= options_.deferredBytesLimit || WritePending();
+  }
+
+  // Compresses every pending composite once and writes its stored form.
+  bool WritePending() {
+    OdbcStatement* update = nullptr;
+    for (auto& [id, pending] : pending_) {
+      if (update == nullptr && (update = statements_.Get(d_.updateCompositeData)) == nullptr) {
+        return false;
+      }
+      StoredForm form;
+      if (!form.Make(pending.plain)) return false;
+      update->SetBinary(1, form.bytes(), form.count(), d_.longBinary);
+      update->SetBit(2, form.compressed());
+      update->SetInt32(3, id);
+      if (!update->Execute()) return false;
+    }
+    pending_.clear();
+    pendingBytes_ = 0;
+    return true;
+  }
+
+  OdbcConnection& db_;
+  const Dialect& d_;
+  const StoreOptions& options_;
+  Statements statements_;
+  std::map<std::int32_t, Pending> pending_;
+  std::size_t pendingBytes_ = 0;
+};
+
+void Report(std::string* error, const std::string& what) {
+  if (error != nullptr) *error = what;
+}
+
+}  // namespace
+
+std::int32_t StoreFile(const std::string& connection, const unsigned char* bytes,
+                       std::int32_t count, const StoreOptions& options, std::string* error) {
+  if (count < 0 || (bytes == nullptr && count > 0)) {
+    Report(error, "no file bytes");
+    return -1;
+  }
+  OdbcConnection db;
+  try {
+    if (!db.Connect(connection, false)) {
+      Report(error, db.LastError());
+      return -1;
+    }
+    const Dialect& d = DialectFor(db.DbmsName());
+    std::int32_t fileId = -1;
+    bool stored = false;
+    {
+      FileWriter writer(db, d, options);
+      stored = EnsureTables(db, d) && writer.Run(bytes, count, fileId) && db.Commit();
+    }
+    if (stored) return fileId;
+    Report(error, db.LastError().empty() ? "the composite data is corrupt" : db.LastError());
+  } catch (const std::exception& e) {
+    Report(error, e.what());
+  }
+  db.Rollback();
+  return -1;
+}
+
+bool ReadStoredFile(const std::string& connection, std::int32_t fileId, Bytes& bytes,
+                    std::string* error) {
+  bytes.clear();
+  OdbcConnection db;
+  if (!db.Connect(connection, true)) {
+    Report(error, db.LastError());
+    return false;
+  }
+  const Dialect& d = DialectFor(db.DbmsName());
+  Statements statements(db);
+  std::int32_t size = 0;
+  OdbcStatement* sizeOf = statements.Get(d.fileSize);
+  if (sizeOf == nullptr) {
+    Report(error, db.LastError());
+    return false;
+  }
+  sizeOf->SetInt32(1, fileId);
+  if (!sizeOf->Execute()) {
+    Report(error, db.LastError());
+    return false;
+  }
+  if (!ReadOneInt32(sizeOf, size)) {
+    Report(error, db.LastError().empty() ? "no such file" : db.LastError());
+    return false;
+  }
+
+  struct Piece {
+    std::int32_t composite, start, length;
+  };
+  std::vector<Piece> pieces;
+  OdbcStatement* list = statements.Get(d.fileChunks);
+  if (list == nullptr) {
+    Report(error, db.LastError());
+    return false;
+  }
+  list->SetInt32(1, fileId);
+  bool ok = list->Execute();
+  for (OdbcStatement::Row row; ok && (row = list->Fetch()) != OdbcStatement::Row::kEnd;) {
+    Piece piece{};
+    ok = row == OdbcStatement::Row::kRow && list->GetInt32(1, piece.composite) &&
+         list->GetInt32(2, piece.start) && list->GetInt32(3, piece.length);
+    pieces.push_back(piece);
+  }
+  list->CloseCursor();
+
+  std::map<std::int32_t, Bytes> composites;
+  bytes.reserve(static_cast<std::size_t>(std::max(size, 0)));
+  for (std::size_t i = 0; ok && i < pieces.size(); ++i) {
+    const Piece& piece = pieces[i];
+    auto found = composites.find(piece.composite);
+    if (found == composites.end()) {
+      Bytes plain;
+      if (!ReadComposite(statements, d, piece.composite, plain)) {
+        ok = false;
+        break;
+      }
+      found = composites.emplace(piece.composite, std::move(plain)).first;
+    }
+    const Bytes& plain = found->second;
+    if (piece.start < 1 || piece.length < 0 ||
+        static_cast<std::size_t>(piece.start - 1) + static_cast<std::size_t>(piece.length) >
+            plain.size()) {
+      ok = false;
+      break;
+    }
+    bytes.insert(bytes.end(), plain.begin() + (piece.start - 1),
+                 plain.begin() + (piece.start - 1 + piece.length));
+  }
+  if (ok && bytes.size() == static_cast<std::size_t>(size)) return true;
+  Report(error,
+         db.LastError().empty() ? "the stored chunks do not make up the file" : db.LastError());
+  bytes.clear();
+  return false;
+}
+
+bool ReadStoreTotals(const std::string& connection, StoreTotals& totals, std::string* error) {
+  OdbcConnection db;
+  if (!db.Connect(connection, true)) {
+    Report(error, db.LastError());
+    return false;
+  }
+  const Dialect& d = DialectFor(db.DbmsName());
+  std::unique_ptr<OdbcStatement> query = db.NewStatement();
+  const bool ok = query != nullptr && query->Prepare(d.totals) && query->Execute() &&
+                  query->Fetch() == OdbcStatement::Row::kRow && query->GetInt64(1, totals.files) &&
+                  query->GetInt64(2, totals.chunks) && query->GetInt64(3, totals.composites) &&
+                  query->GetInt64(4, totals.originalBytes) &&
+                  query->GetInt64(5, totals.storedBytes);
+  if (!ok) Report(error, db.LastError().empty() ? "no totals" : db.LastError());
+  return ok;
+}
+
+std::string SqliteDriverPath() {
+  for (const char* path :
+       {"/usr/lib/x86_64-linux-gnu/odbc/libsqlite3odbc.so",
+        "/usr/lib/aarch64-linux-gnu/odbc/libsqlite3odbc.so", "/usr/lib64/libsqlite3odbc.so",
+        "/usr/lib/odbc/libsqlite3odbc.so", "/usr/local/lib/libsqlite3odbc.so"}) {
+    if (::access(path, R_OK) == 0) return path;
+  }
+  return "";
+}
+
+std::string SqliteConnectionString(const std::string& path) {
+  return "DRIVER=" + SqliteDriverPath() + ";Database=" + path + ";";
+}
+
+}  // namespace zelvarpack::store

@@ -1,0 +1,61 @@
+// The chunked file store behind CZelvarFileServer: storing a file as
+// 4096-byte chunks appended to composites (see
+// include/zelvarpack/zelvar_file_server.h for the rules), and, as additions
+// of this engine, reading a stored file back and counting what a store
+// holds.
+//
+// Each call opens its own ODBC connection and closes it before returning;
+// calls from any number of threads or processes may run at once.
+#ifndef ZELVARPACK_STORE_FILE_STORE_H_
+#define ZELVARPACK_STORE_FILE_STORE_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace zelvarpack::store {
+
+struct StoreOptions {
+  // Within one file's transaction, compress each composite it touched once,
+  // at the end, instead of after every chunk appended to it. What is
+  // committed is the same, row for row and byte for byte: a composite's
+  // stored form depends only on its last compression. Off, every append
+  // unzips, appends, compresses and writes the composite.
+  bool deferCompression = true;
+  // With deferral, the uncompressed bytes of touched composites are held in
+  // memory; past this many they are compressed and written early.
+  std::size_t deferredBytesLimit = std::size_t{32} << 20;
+};
+
+// Stores `count` bytes as one new file in one transaction. Returns the new
+// file_id, or -1 (and rolls back) at the first failure. When `error` is
+// given it receives the first failure's description.
+std::int32_t StoreFile(const std::string& connection, const unsigned char* bytes,
+                       std::int32_t count, const StoreOptions& options = {},
+                       std::string* error = nullptr);
+
+// The bytes of stored file `fileId`, reassembled from its chunk rows.
+// False when there is no such file or its chunks do not add up to its size.
+bool ReadStoredFile(const std::string& connection, std::int32_t fileId,
+                    std::vector<unsigned char>& bytes, std::string* error = nullptr);
+
+struct StoreTotals {
+  std::int64_t files = 0;
+  std::int64_t chunks = 0;
+  std::int64_t composites = 0;
+  std::int64_t originalBytes = 0;  // sum of the files' sizes
+  std::int64_t storedBytes = 0;    // sum of the composites' data lengths
+};
+bool ReadStoreTotals(const std::string& connection, StoreTotals& totals,
+                     std::string* error = nullptr);
+
+// The SQLite ODBC driver installed on this machine (a library path), or "".
+std::string SqliteDriverPath();
+// A connection string for the SQLite database file `path` (created by the
+// driver when missing).
+std::string SqliteConnectionString(const std::string& path);
+
+}  // namespace zelvarpack::store
+
+#endif  // ZELVARPACK_STORE_FILE_STORE_H_

@@ -1,0 +1,92 @@
+// The statements of the chunked file store for each database engine it
+// knows, chosen by the name the ODBC driver reports for its engine.
+//
+// SQL Server's statements are the reference forms. SQLite and PostgreSQL get
+// statements with the same meaning in their own syntax; in particular the
+// composite search compares fingerprints x 100 truncated toward zero on
+// every engine (PostgreSQL's cast to integer rounds, so it truncates first).
+//
+// Immutable tables; safe from any thread.
+#ifndef ZELVARPACK_STORE_SQL_DIALECT_H_
+#define ZELVARPACK_STORE_SQL_DIALECT_H_
+
+#include <string>
+#include <vector>
+
+namespace zelvarpack::store {
+
+enum class Engine { kSqlServer, kSqlite, kPostgresql };
+
+// Where a new identity value (file_id, composite_id) comes from after its
+// INSERT: the second result of the same batch (SQL Server's trailing
+// SELECT @@IDENTITY), the INSERT's own result (RETURNING), or a separate
+// query run right after it.
+enum class IdentityFrom { kNextResult, kSameResult, kSeparateQuery };
+
+// Column positions (1-based) of the composite search's row; 0 when absent.
+struct MatchColumns {
+  int compositeId;
+  int chunks;
+  int data;
+  int fftRms;
+  int isCompressed;
+  int maxOrdinal;
+  int sumFftRms;
+};
+
+struct Dialect {
+  Engine engine;
+  const char* name;
+  // Run first in every storing transaction, or null: serialises writers
+  // where the engine would otherwise let two of them update one composite
+  // from the same old bytes.
+  const char* lockForWrite;
+  // (original_size) -> file_id
+  const char* insertFile;
+  IdentityFrom identityFrom;
+  // For kSeparateQuery: one row, one column, the identity just made.
+  const char* lastIdentity;
+  // (fft_rms, fft_rms) -> at most one row, see `match`.
+  const char* findComposite;
+  MatchColumns match;
+  // (composite_id) -> is_compressed, data
+  const char* compositeData;
+  // (data, fft_rms, is_compressed) -> composite_id
+  const char* insertComposite;
+  // (data, fft_rms, is_compressed, composite_id): one more chunk.
+  const char* updateComposite;
+  // (fft_rms, composite_id): one more chunk, bytes written later.
+  const char* updateCompositeCounts;
+  // (data, is_compressed, composite_id)
+  const char* updateCompositeData;
+  // (file_id, ordinal, composite_id, start, length, fft_rms)
+  const char* insertChunk;
+  // Binds composite data as a long binary (else as a variable binary).
+  bool longBinary;
+
+  // One row, one column: how many of the three tables exist.
+  const char* tablesPresent;
+  // The table definitions, one statement per entry.
+  std::vector<std::string> schema;
+
+  // Reading back. (file_id) -> original_size
+  const char* fileSize;
+  // (file_id) -> composite_id, start, length; in the file's order
+  const char* fileChunks;
+  // One row: files, chunks, composites, sum of original sizes, sum of
+  // stored data lengths.
+  const char* totals;
+};
+
+// The dialect for a driver's engine name; SQL Server's statements for an
+// engine this store does not know.
+const Dialect& DialectFor(const std::string& dbmsName);
+const Dialect& DialectOf(Engine engine);
+
+// Statements of a schema file: comment lines (starting "--") dropped, cut
+// after each semicolon that ends a line.
+std::vector<std::string> SplitSchema(const std::string& text);
+
+}  // namespace zelvarpack::store
+
+#endif  // ZELVARPACK_STORE_SQL_DIALECT_H_

@@ -1,0 +1,43 @@
+#include "zelvarpack/zelvar_file_server.h"
+
+#include <string>
+
+#include "store/file_store.h"
+
+namespace {
+
+// What a handle owns: the connection string, NUL-terminated.
+struct FileServerHandle {
+  std::string connection;
+};
+
+}  // namespace
+
+void* CZelvarFileServer::Create(unsigned char* connectionString, std::int32_t length) {
+  auto* handle = new FileServerHandle;
+  if (connectionString != nullptr && length > 0) {
+    handle->connection.assign(reinterpret_cast<const char*>(connectionString),
+                              static_cast<std::size_t>(length));
+  }
+  return handle;
+}
+
+std::int32_t CZelvarFileServer::AddFile(void* handle, unsigned char* bytes, std::int32_t length) {
+  if (handle == nullptr) return -1;
+  try {
+    return zelvarpack::store::StoreFile(static_cast<FileServerHandle*>(handle)->connection, bytes,
+                                        length);
+  } catch (...) {
+    return -1;
+  }
+}
+
+void CZelvarFileServer::Destroy(void* handle) { delete static_cast<FileServerHandle*>(handle); }
+
+bool CZelvarFileServer::UpdateFile(std::int32_t, unsigned char*, std::int32_t) { return true; }
+
+bool CZelvarFileServer::DeleteFileW(std::int32_t) { return true; }
+
+unsigned char* CZelvarFileServer::RetrieveFileData(std::int32_t) { return nullptr; }
+
+std::int32_t CZelvarFileServer::RetrieveFileLength() { return 0; }
