@@ -102,13 +102,15 @@ bool ReadComposite(Statements& statements, const Dialect& d, std::int32_t id, By
 // otherwise hold a read lock it could not upgrade while another writer
 // waits).
 bool EnsureTables(OdbcConnection& db, const Dialect& d) {
-  std::int32_t present = 0;
-  {
+  const auto tablesPresent = [&](std::int32_t& count) {
     std::unique_ptr<OdbcStatement> probe = db.NewStatement();
-    if (probe == nullptr || !probe->Prepare(d.tablesPresent) || !probe->Execute() ||
-        !ReadOneInt32(probe.get(), present)) {
-      return false;
-    }
+    return probe != nullptr && probe->Prepare(d.tablesPresent) && probe->Execute() &&
+           ReadOneInt32(probe.get(), count);
+  };
+  std::int32_t present = 0;
+  if (!tablesPresent(present)) return false;
+  if (present < 3 && d.schemaLock != nullptr) {
+    if (!db.ExecuteDirect(d.schemaLock) || !tablesPresent(present)) return false;
   }
   if (present < 3) {
     for (const std::string& statement : d.schema) {

@@ -12,6 +12,7 @@ Dialect MakeSqlServer() {
   d.engine = Engine::kSqlServer;
   d.name = "SQL Server";
   d.lockForWrite = nullptr;
+  d.schemaLock = nullptr;
   d.insertFile = "INSERT [file] ([original_size]) VALUES (?); SELECT @@IDENTITY AS [file_id];";
   d.identityFrom = IdentityFrom::kNextResult;
   d.lastIdentity = nullptr;
@@ -59,6 +60,7 @@ Dialect MakeSqlServer() {
 Dialect MakePortable() {
   Dialect d{};
   d.lockForWrite = nullptr;
+  d.schemaLock = nullptr;
   d.insertFile = "INSERT INTO file (original_size) VALUES (?)";
   d.match = {1, 2, 0, 3, 4, 5, 6};
   d.compositeData = "SELECT is_compressed, data FROM composite WHERE composite_id = ?";
@@ -139,6 +141,10 @@ Dialect MakePostgresql() {
   d.tablesPresent =
       "SELECT COUNT(*) FROM pg_catalog.pg_tables WHERE schemaname = current_schema() "
       "AND tablename IN ('file', 'chunk', 'composite')";
+  // Concurrent CREATE ... IF NOT EXISTS can fail on PostgreSQL, and a
+  // creator that runs while another caller already stores a file can
+  // deadlock with it on the index builds' table locks.
+  d.schemaLock = "SELECT pg_advisory_xact_lock(72011)";
   d.schema = SplitSchema(kPostgresqlSchema);
   return d;
 }

@@ -66,6 +66,9 @@ struct Dialect {
 
   // One row, one column: how many of the three tables exist.
   const char* tablesPresent;
+  // Run before creating the tables, or null: makes callers that all found
+  // tables missing take turns (each looks again once it has the lock).
+  const char* schemaLock;
   // The table definitions, one statement per entry.
   std::vector<std::string> schema;
 

@@ -1,0 +1,329 @@
+// The chunked file store against real engines: a SQLite file through the
+// SQLite ODBC driver, and a loopback PostgreSQL server through psqlODBC.
+#include "store/file_store.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <memory>
+#include <random>
+#include <sstream>
+#include <string>
+
+#include "net/zlib_codec.h"
+#include "tests/store_databases.h"
+#include "tests/temp_dir.h"
+#include "zelvarpack/zelvar_file_server.h"
+
+namespace {
+
+using zelvarpack::store::ReadStoredFile;
+using zelvarpack::store::StoreFile;
+using zelvarpack::store::StoreOptions;
+
+struct EngineCase {
+  const char* name;
+  std::unique_ptr<StoreDatabase> (*make)();
+  // Makes every chunk row of length 1234 fail to insert.
+  const char* refuseChunksOf1234;
+};
+
+const EngineCase kSqlite{"Sqlite", NewSqliteDatabase,
+                         "CREATE TRIGGER refuse_1234 BEFORE INSERT ON chunk "
+                         "WHEN NEW.length = 1234 BEGIN SELECT RAISE(ABORT, 'refused'); END"};
+const EngineCase kPostgres{"Postgres", NewPostgresDatabase,
+                           "ALTER TABLE chunk ADD CONSTRAINT refuse_1234 CHECK (length <> 1234)"};
+
+void PrintTo(const EngineCase& c, std::ostream* os) { *os << c.name; }
+
+std::string RandomBytes(unsigned seed, std::size_t count) {
+  std::mt19937 generator(seed);
+  std::string bytes(count, '\0');
+  for (char& b : bytes) b = static_cast<char>(generator() & 0xFF);
+  return bytes;
+}
+
+std::string RealFile(const std::string& path) {
+  const std::string bytes = ReadWholeFile(path);
+  EXPECT_FALSE(bytes.empty()) << path;
+  return bytes;
+}
+
+// A chunk of 184 bytes of value 57; its fingerprint (computed independently)
+// is 1.2396975339113712, so it truncates to 123 when x 100.
+const std::string kProbe(184, static_cast<char>(57));
+constexpr double kProbeFingerprint = 1.2396975339113712;
+// Doubles that went through the database: the SQLite ODBC driver hands them
+// over as text of 15 significant digits.
+constexpr double kStoredPrecision = 1e-12;
+
+class FileStore : public ::testing::TestWithParam<EngineCase> {
+ protected:
+  void SetUp() override {
+    db_ = GetParam().make();
+    connection_ = db_->Connection();
+    if (connection_.empty()) GTEST_SKIP() << db_->Why();
+    handle_ = CZelvarFileServer::Create(reinterpret_cast<unsigned char*>(connection_.data()),
+                                        static_cast<std::int32_t>(connection_.size()));
+  }
+  void TearDown() override { CZelvarFileServer::Destroy(handle_); }
+
+  std::int32_t Add(const std::string& bytes) {
+    std::string copy = bytes;
+    return CZelvarFileServer::AddFile(handle_, reinterpret_cast<unsigned char*>(copy.data()),
+                                      static_cast<std::int32_t>(copy.size()));
+  }
+  std::string Read(std::int32_t id) const { return ReadFrom(connection_, id); }
+  static std::string ReadFrom(const std::string& connection, std::int32_t id) {
+    std::vector<unsigned char> bytes;
+    std::string error;
+    EXPECT_TRUE(ReadStoredFile(connection, id, bytes, &error)) << error;
+    return std::string(bytes.begin(), bytes.end());
+  }
+  void Sql(const std::string& sql) const { ASSERT_EQ(ExecuteSql(connection_, sql), "") << sql; }
+  std::int32_t CompositeOf(std::int32_t fileId) const {
+    const std::vector<ChunkRow> rows = ChunkRowsOf(connection_, fileId);
+    return rows.empty() ? -1 : rows[0].compositeId;
+  }
+  CompositeRow Composite(std::int32_t id) const {
+    for (const CompositeRow& row : CompositeRows(connection_)) {
+      if (row.compositeId == id) return row;
+    }
+    ADD_FAILURE() << "no composite " << id;
+    return {};
+  }
+
+  std::unique_ptr<StoreDatabase> db_;
+  std::string connection_;
+  void* handle_ = nullptr;
+};
+
+TEST_P(FileStore, EmptyRandomAndRealFilesReadBackWhole) {
+  const std::int32_t empty = Add("");
+  ASSERT_GT(empty, 0);
+  EXPECT_EQ(CountRows(connection_, "file"), 1);
+  EXPECT_EQ(CountRows(connection_, "chunk"), 0);
+  EXPECT_EQ(CountRows(connection_, "composite"), 0);
+  EXPECT_EQ(Read(empty), "");
+
+  const std::string odd = RandomBytes(1, 4097);
+  const std::int32_t oddId = Add(odd);
+  ASSERT_GT(oddId, empty);
+  const std::vector<ChunkRow> rows = ChunkRowsOf(connection_, oddId);
+  ASSERT_EQ(rows.size(), 2u);
+  EXPECT_EQ(rows[0].length, 4096);
+  EXPECT_EQ(rows[1].length, 1);
+
+  std::vector<std::pair<std::int32_t, std::string>> stored = {{oddId, odd}};
+  for (const std::string& bytes :
+       {RandomBytes(2, 70000), RealFile("/usr/share/common-licenses/GPL-3"),
+        RealFile("/usr/share/common-licenses/Apache-2.0"),
+        RealFile(std::string(ZP_SOURCE_DIR) + "/testdata/sample.html"),
+        RealFile("/usr/share/common-licenses/GPL-3")}) {
+    stored.emplace_back(Add(bytes), bytes);
+    ASSERT_GT(stored.back().first, 0);
+  }
+  for (const auto& [id, bytes] : stored) EXPECT_EQ(Read(id), bytes) << "file " << id;
+
+  // The fixed answers hold even right after a successful store.
+  CZelvarFileServer server;
+  EXPECT_EQ(server.RetrieveFileData(oddId), nullptr);
+  EXPECT_EQ(server.RetrieveFileLength(), 0);
+  EXPECT_TRUE(server.UpdateFile(oddId, nullptr, 0));
+  EXPECT_TRUE(server.DeleteFileW(oddId));
+  EXPECT_EQ(Read(oddId), odd);
+}
+
+TEST_P(FileStore, AlikeChunksGoIntoOneCompositeInOrder) {
+  // 'x' everywhere: a uniform grid of 120, fingerprint 120 / 16 = 7.5.
+  const std::int32_t first = Add(std::string(3 * 4096, 'x'));
+  const std::int32_t second = Add(std::string(2 * 4096, 'x'));
+  const std::vector<ChunkRow> rows = ChunkRows(connection_);
+  ASSERT_EQ(rows.size(), 5u);
+  const std::int32_t composite = rows[0].compositeId;
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    SCOPED_TRACE(i);
+    EXPECT_EQ(rows[i].fileId, i < 3 ? first : second);
+    EXPECT_EQ(rows[i].compositeId, composite);
+    EXPECT_EQ(rows[i].ordinal, static_cast<std::int32_t>(i) + 1);
+    EXPECT_EQ(rows[i].start, static_cast<std::int32_t>(i) * 4096 + 1);
+    EXPECT_EQ(rows[i].length, 4096);
+    EXPECT_EQ(rows[i].fftRms, 7.5);
+  }
+  const CompositeRow alike = Composite(composite);
+  EXPECT_EQ(alike.chunks, 5);
+  EXPECT_EQ(alike.fftRms, 7.5);
+  ASSERT_TRUE(alike.isCompressed);
+  std::unique_ptr<CZelvarBuffer> plain = zelvarpack::net::Decompress(
+      alike.data.data(), alike.data.size(), zelvarpack::net::ZlibFormat::kGzip, 1 << 20);
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(plain->GetValue()),
+                        static_cast<std::size_t>(plain->GetValueLength())),
+            std::string(5 * 4096, 'x'));
+
+  // Random bytes do not shrink under gzip: kept as they are, flag 0.
+  const std::string noise = RandomBytes(3, 4096);
+  const CompositeRow raw = Composite(CompositeOf(Add(noise)));
+  EXPECT_FALSE(raw.isCompressed);
+  EXPECT_EQ(std::string(raw.data.begin(), raw.data.end()), noise);
+}
+
+TEST_P(FileStore, ChoosesTheNearestOpenCompositeWithTheSameTruncatedFingerprint) {
+  // Four one-byte files make four composites (fingerprints v / 256); their
+  // fingerprints and sizes are then set by hand.
+  std::int32_t a = 0, b = 0, c = 0, d = 0;
+  for (auto [value, composite] :
+       {std::pair<int, std::int32_t*>{10, &a}, {60, &b}, {110, &c}, {160, &d}}) {
+    *composite = CompositeOf(Add(std::string(1, static_cast<char>(value))));
+  }
+  ASSERT_EQ(CountRows(connection_, "composite"), 4);
+  const auto set = [&](std::int32_t id, const char* fft, int chunks) {
+    Sql(std::string("UPDATE composite SET fft_rms = ") + fft +
+        ", chunks = " + std::to_string(chunks) + " WHERE composite_id = " + std::to_string(id));
+  };
+  set(a, "1.234", 1);    // 123: joins
+  set(b, "1.241", 1);    // nearer, but 124
+  set(c, "1.2397", 25);  // nearest of all, but full
+  set(d, "1.2301", 24);  // 123, farther than a
+
+  const std::int32_t first = Add(kProbe);
+  std::vector<ChunkRow> rows = ChunkRowsOf(connection_, first);
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_NEAR(rows[0].fftRms, kProbeFingerprint, kStoredPrecision);
+  EXPECT_EQ(rows[0].compositeId, a);
+  EXPECT_EQ(rows[0].ordinal, 2);
+  EXPECT_EQ(rows[0].start, 2);
+  EXPECT_EQ(rows[0].length, 184);
+  // The new mean comes from the chunk rows, not from the composite's value.
+  EXPECT_NEAR(Composite(a).fftRms, (10.0 / 256 + kProbeFingerprint) / 2, kStoredPrecision);
+  EXPECT_EQ(Composite(a).chunks, 2);
+
+  // a has left bucket 123; d, with 24 chunks, is still open.
+  rows = ChunkRowsOf(connection_, Add(kProbe));
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(rows[0].compositeId, d);
+  EXPECT_EQ(Composite(d).chunks, 25);
+
+  // Now every composite of bucket 123 is full: a new one.
+  rows = ChunkRowsOf(connection_, Add(kProbe));
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(CountRows(connection_, "composite"), 5);
+  EXPECT_EQ(rows[0].ordinal, 1);
+  EXPECT_EQ(rows[0].start, 1);
+  EXPECT_NEAR(Composite(rows[0].compositeId).fftRms, kProbeFingerprint, kStoredPrecision);
+}
+
+TEST_P(FileStore, FailureMidwayLeavesNothingBehind) {
+  const std::int32_t base = Add(std::string(4096, 'y'));
+  ASSERT_GT(base, 0);
+  Sql(GetParam().refuseChunksOf1234);
+  const std::vector<CompositeRow> composites = CompositeRows(connection_);
+  const std::vector<ChunkRow> chunks = ChunkRows(connection_);
+
+  // The first chunk joins base's composite, the second makes a new one, the
+  // third is refused.
+  const std::string refused =
+      std::string(4096, 'y') + RandomBytes(4, 4096) + std::string(1234, 'z');
+  EXPECT_EQ(Add(refused), -1);
+  EXPECT_EQ(CompositeRows(connection_), composites);
+  EXPECT_EQ(ChunkRows(connection_), chunks);
+  EXPECT_EQ(CountRows(connection_, "file"), 1);
+
+  const std::int32_t next = Add(std::string(4096, 'y'));
+  ASSERT_GT(next, 0);
+  const std::vector<ChunkRow> rows = ChunkRowsOf(connection_, next);
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(rows[0].ordinal, 2);
+  EXPECT_EQ(rows[0].start, 4097);
+}
+
+TEST_P(FileStore, DeferredCompressionCommitsTheSameRowsAndBytes) {
+  const std::vector<std::string> files = {RealFile("/usr/share/common-licenses/GPL-3"),
+                                          std::string(7 * 4096 + 5, 'x'),
+                                          RandomBytes(5, 3 * 4096),
+                                          RealFile("/usr/share/common-licenses/GFDL-1.3"),
+                                          RealFile("/usr/share/common-licenses/GPL-3"),
+                                          RealFile("/usr/share/common-licenses/GPL-2")};
+  std::unique_ptr<StoreDatabase> eager = GetParam().make();
+  std::unique_ptr<StoreDatabase> spilling = GetParam().make();
+  StoreOptions everyAppend;
+  everyAppend.deferCompression = false;
+  StoreOptions smallMemory;
+  smallMemory.deferredBytesLimit = 20000;
+  for (const std::string& bytes : files) {
+    const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
+    const auto size = static_cast<std::int32_t>(bytes.size());
+    const std::int32_t id = Add(bytes);
+    std::string error;
+    EXPECT_EQ(StoreFile(eager->Connection(), data, size, everyAppend, &error), id) << error;
+    EXPECT_EQ(StoreFile(spilling->Connection(), data, size, smallMemory, &error), id) << error;
+  }
+  const std::vector<CompositeRow> composites = CompositeRows(connection_);
+  ASSERT_GT(composites.size(), 5u);
+  ASSERT_LT(composites.size(), ChunkRows(connection_).size());  // some were shared
+  EXPECT_TRUE(CompositeRows(eager->Connection()) == composites);
+  EXPECT_TRUE(CompositeRows(spilling->Connection()) == composites);
+  EXPECT_EQ(ChunkRows(eager->Connection()), ChunkRows(connection_));
+  EXPECT_EQ(ChunkRows(spilling->Connection()), ChunkRows(connection_));
+}
+
+INSTANTIATE_TEST_SUITE_P(Engines, FileStore, ::testing::Values(kSqlite, kPostgres),
+                         [](const ::testing::TestParamInfo<EngineCase>& info) {
+                           return std::string(info.param.name);
+                         });
+
+TEST(FileServer, UnreachableDatabaseGivesMinusOne) {
+  std::string connection = "DRIVER=/nonexistent/driver.so;Database=x;";
+  void* handle = CZelvarFileServer::Create(reinterpret_cast<unsigned char*>(connection.data()),
+                                           static_cast<std::int32_t>(connection.size()));
+  unsigned char byte = 'a';
+  EXPECT_EQ(CZelvarFileServer::AddFile(handle, &byte, 1), -1);
+  CZelvarFileServer::Destroy(handle);
+  CZelvarFileServer::Destroy(nullptr);
+}
+
+// Two tool processes store overlapping real files into one PostgreSQL
+// database at the same time; every file of both reads back intact.
+TEST(FileStorePostgres, TwoProcessesAddAtOnce) {
+  std::unique_ptr<StoreDatabase> db = NewPostgresDatabase();
+  if (db->Connection().empty()) GTEST_SKIP() << db->Why();
+  TempDir dir;
+  std::vector<std::string> paths[2];
+  std::vector<std::string> contents[2];
+  const char* licenses[] = {"GPL-3", "GPL-2", "LGPL-2.1", "GFDL-1.3", "MPL-2.0", "Apache-2.0"};
+  for (int p = 0; p < 2; ++p) {
+    for (int i = 0; i < 6; ++i) {
+      const std::string bytes =
+          i % 2 == 0 ? RealFile(std::string("/usr/share/common-licenses/") + licenses[(i + p) % 6])
+                     : RandomBytes(100 * p + i, 5000 + 3000 * i);
+      paths[p].push_back(dir.File(std::to_string(p) + "_" + std::to_string(i)));
+      WriteWholeFile(paths[p].back(), bytes);
+      contents[p].push_back(bytes);
+    }
+  }
+  std::string script;
+  for (int p = 0; p < 2; ++p) {
+    script += "( " + std::string(ZP_TOOL_PATH) + " store add --db '" + db->Connection() + "'";
+    for (const std::string& path : paths[p]) script += " " + path;
+    script += " >" + dir.File("ids" + std::to_string(p)) + " 2>&1; echo $? >" +
+              dir.File("status" + std::to_string(p)) + " ) &\n";
+  }
+  script += "wait\n";
+  ASSERT_EQ(std::system(script.c_str()), 0);
+  for (int p = 0; p < 2; ++p) {
+    SCOPED_TRACE(p);
+    ASSERT_EQ(ReadWholeFile(dir.File("status" + std::to_string(p))), "0\n")
+        << ReadWholeFile(dir.File("ids" + std::to_string(p)));
+    std::istringstream ids(ReadWholeFile(dir.File("ids" + std::to_string(p))));
+    for (const std::string& bytes : contents[p]) {
+      std::int32_t id = 0;
+      ASSERT_TRUE(ids >> id);
+      std::vector<unsigned char> back;
+      std::string error;
+      ASSERT_TRUE(ReadStoredFile(db->Connection(), id, back, &error)) << error;
+      EXPECT_TRUE(std::string(back.begin(), back.end()) == bytes) << "file " << id;
+    }
+  }
+  EXPECT_EQ(CountRows(db->Connection(), "file"), 12);
+}
+
+}  // namespace
