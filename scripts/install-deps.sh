@@ -5,9 +5,12 @@ set -euo pipefail
 
 # libcurl4-openssl-dev: the HTTP client; nginx, openssl: the download tests'
 # loopback server and its throw-away certificate authority. alsa-utils and
-# espeak-ng: real recordings and speech for the audio tests.
+# espeak-ng: real recordings and speech for the audio tests. unixodbc-dev,
+# libsqliteodbc, odbc-postgresql, postgresql: the file store's driver manager,
+# its two drivers and the server its tests start on loopback.
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev zlib1g-dev python3
-  libcurl4-openssl-dev ca-certificates nginx openssl alsa-utils espeak-ng "$@")
+  libcurl4-openssl-dev ca-certificates nginx openssl alsa-utils espeak-ng
+  unixodbc-dev libsqliteodbc odbc-postgresql postgresql "$@")
 missing=()
 for package in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' ||
@@ -20,8 +23,9 @@ sudo=""
 [ "$(id -u)" -ne 0 ] && sudo="sudo"
 export DEBIAN_FRONTEND=noninteractive
 $sudo apt-get update -qq
-# Tests start their own nginx on loopback addresses; the packaged service
-# would take port 80 on every address, so it is not started on install.
+# Tests start their own nginx and PostgreSQL on loopback addresses; the
+# packaged services would take port 80 on every address and 5432, so they
+# are not started on install.
 policy=/usr/sbin/policy-rc.d
 if [ ! -e "$policy" ]; then
   printf '#!/bin/sh\nexit 101\n' | $sudo tee "$policy" >/dev/null
