@@ -1,0 +1,80 @@
+#!/usr/bin/env bash
+# File store benchmark: stores about 20 MB of real HTML (the Python
+# documentation of Debian's python3-doc, files in name order) with
+# `zelvarpack store add`, once into a fresh SQLite file and once into a
+# fresh database on a throw-away loopback PostgreSQL server, and compresses
+# the same files as a whole with gzip -9 in the same run. Prints seconds,
+# MB/s and compression ratio (original bytes / stored bytes) for each, and
+# each engine's throughput as a share of gzip -9's.
+#
+# Usage: bench/run-store-bench.sh [MEGABYTES]   (default 20)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+megabytes=${1:-20}
+scripts/install-deps.sh libbenchmark-dev libgumbo-dev pkg-config python3-doc
+cmake --preset bench >/dev/null
+cmake --build build/bench -j2 --target zelvarpack >/dev/null
+tool=$PWD/build/bench/zelvarpack
+
+work=$(mktemp -d)
+state=$work/postgres.state
+cleanup() {
+  scripts/loopback-postgres.sh stop "$state" || true
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+# The corpus: whole files in name order until the size is reached.
+find -L /usr/share/doc/python3-doc/html -name '*.html' -type f | LC_ALL=C sort |
+  while IFS= read -r f; do
+    printf '%s\t%s\n' "$(stat -Lc %s "$f")" "$f"
+  done | awk -F'\t' -v limit=$((megabytes * 1000000)) \
+  'total < limit { total += $1; print $2 }' >"$work/files"
+mapfile -t files <"$work/files"
+bytes=$(cat "${files[@]}" | wc -c)
+printf 'corpus: %d files, %d bytes\n\n' "${#files[@]}" "$bytes"
+
+now() { date +%s.%N; }
+since() { awk -v a="$1" -v b="$(now)" 'BEGIN { print b - a }'; }
+report() { # name seconds stored-bytes
+  awk -v n="$1" -v s="$2" -v b="$bytes" -v z="$3" -v g="${gzip_rate:-0}" 'BEGIN {
+    rate = b / s / 1e6
+    share = g > 0 ? sprintf("%.2f", rate / g) : "1.00"
+    printf "%-12s %8.2f s %8.2f MB/s  ratio %6.3f  %s x gzip -9 speed\n", n, s, rate, b / z, share
+  }'
+}
+stored_bytes() { "$tool" store stats --db "$1" | sed -n 's/^stored bytes: //p'; }
+
+start=$(now)
+cat "${files[@]}" | gzip -9 >"$work/all.gz"
+seconds=$(since "$start")
+gzip_rate=$(awk -v b="$bytes" -v s="$seconds" 'BEGIN { print b / s / 1e6 }')
+report "gzip -9" "$seconds" "$(stat -c %s "$work/all.gz")"
+
+sqlite=$work/store.db
+start=$(now)
+"$tool" store add --db "$sqlite" "${files[@]}" >"$work/sqlite.ids"
+seconds=$(since "$start")
+report "SQLite" "$seconds" "$(stored_bytes "$sqlite")"
+
+scripts/loopback-postgres.sh start "$state"
+port=$(sed -n 's/^port=//p' "$state")
+user=$(sed -n 's/^user=//p' "$state")
+driver=$(ls /usr/lib/*/odbc/psqlodbcw.so /usr/lib/odbc/psqlodbcw.so 2>/dev/null | head -n 1)
+postgres="DRIVER=$driver;Server=127.0.0.1;Port=$port;Uid=$user;Database=postgres;"
+start=$(now)
+"$tool" store add --db "$postgres" "${files[@]}" >"$work/postgres.ids"
+seconds=$(since "$start")
+report "PostgreSQL" "$seconds" "$(stored_bytes "$postgres")"
+
+# Spot check: a few files read back byte for byte from each engine.
+for i in 0 $((${#files[@]} / 2)) $((${#files[@]} - 1)); do
+  id=$(sed -n "$((i + 1))p" "$work/sqlite.ids")
+  "$tool" store get --db "$sqlite" "$id" | cmp -s - "${files[$i]}" || echo "SQLite: ${files[$i]} differs"
+  id=$(sed -n "$((i + 1))p" "$work/postgres.ids")
+  "$tool" store get --db "$postgres" "$id" | cmp -s - "${files[$i]}" ||
+    echo "PostgreSQL: ${files[$i]} differs"
+done
+echo
+"$tool" store stats --db "$sqlite"
