@@ -55,13 +55,13 @@ const Twiddles& TheTwiddles() {
   return twiddles;
 }
 
-// In place over x[0], x[stride], ..., x[15 * stride] (and y alike).
-void Transform16(double* x, double* y, int stride, const Twiddles& w) {
+// In place over x[0..15] and y[0..15].
+void Transform16(double* x, double* y, const Twiddles& w) {
   for (int i = 0; i < kPoints; ++i) {
     const int r = w.reversed[i];
     if (i < r) {
-      std::swap(x[i * stride], x[r * stride]);
-      std::swap(y[i * stride], y[r * stride]);
+      std::swap(x[i], x[r]);
+      std::swap(y[i], y[r]);
     }
   }
   for (int half = 1; half < kPoints; half *= 2) {
@@ -69,10 +69,10 @@ void Transform16(double* x, double* y, int stride, const Twiddles& w) {
       const double u1 = w.real[half + j];
       const double u2 = w.imaginary[half + j];
       for (int i = j; i < kPoints; i += 2 * half) {
-        double& xa = x[i * stride];
-        double& ya = y[i * stride];
-        double& xb = x[(i + half) * stride];
-        double& yb = y[(i + half) * stride];
+        double& xa = x[i];
+        double& ya = y[i];
+        double& xb = x[i + half];
+        double& yb = y[i + half];
         const double t1 = u1 * xb - u2 * yb;
         const double t2 = u1 * yb + u2 * xb;
         xb = xa - t1;
@@ -83,8 +83,8 @@ void Transform16(double* x, double* y, int stride, const Twiddles& w) {
     }
   }
   for (int i = 0; i < kPoints; ++i) {
-    x[i * stride] *= kScale;
-    y[i * stride] *= kScale;
+    x[i] *= kScale;
+    y[i] *= kScale;
   }
 }
 
@@ -102,10 +102,20 @@ double ChunkFingerprint(const unsigned char* bytes, std::size_t count) {
     real[cell] = taken == 0 ? 0.0 : static_cast<double>(sum / static_cast<unsigned>(taken));
   }
   for (int row = 0; row < kPoints; ++row) {
-    Transform16(real + row * kPoints, imaginary + row * kPoints, 1, w);
+    Transform16(real + row * kPoints, imaginary + row * kPoints, w);
   }
   for (int column = 0; column < kPoints; ++column) {
-    Transform16(real + column, imaginary + column, kPoints, w);
+    double x[kPoints];
+    double y[kPoints];
+    for (int row = 0; row < kPoints; ++row) {
+      x[row] = real[row * kPoints + column];
+      y[row] = imaginary[row * kPoints + column];
+    }
+    Transform16(x, y, w);
+    for (int row = 0; row < kPoints; ++row) {
+      real[row * kPoints + column] = x[row];
+      imaginary[row * kPoints + column] = y[row];
+    }
   }
   double sum = 0.0;
   for (const double value : real) sum += value * value;

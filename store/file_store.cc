@@ -3,8 +3,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <map>
 #include <memory>
+#include <system_error>
+#include <thread>
 
 #include "net/zlib_codec.h"
 #include "store/chunk_fingerprint.h"
@@ -64,6 +67,38 @@ class StoredForm {
   std::size_t count_ = 0;
   bool compressed_ = false;
 };
+
+// The stored forms of several composites at once: compression is where a
+// store spends its time, and the composites are independent, so they are
+// spread over the processor's cores (threads that live only for this call).
+// False when any compression fails.
+bool MakeStoredForms(const std::vector<const Bytes*>& plains, std::vector<StoredForm>& forms) {
+  constexpr unsigned kMaxThreads = 8;
+  std::atomic<std::size_t> next{0};
+  std::atomic<bool> failed{false};
+  const auto work = [&] {
+    try {
+      for (std::size_t i; (i = next++) < plains.size();) {
+        if (!forms[i].Make(*plains[i])) failed = true;
+      }
+    } catch (...) {
+      failed = true;
+    }
+  };
+  const std::size_t wanted = std::min<std::size_t>(
+      {plains.size(), std::max(1u, std::thread::hardware_concurrency()), kMaxThreads});
+  std::vector<std::thread> helpers;
+  for (std::size_t t = 1; t < wanted; ++t) {
+    try {
+      helpers.emplace_back(work);
+    } catch (const std::system_error&) {
+      break;  // fewer helpers; this thread still does the rest
+    }
+  }
+  work();
+  for (std::thread& helper : helpers) helper.join();
+  return !failed;
+}
 
 // The uncompressed bytes of a composite as stored: gunzipped when flagged.
 bool Unpack(const Bytes& data, bool compressed, Bytes& plain) {
@@ -274,16 +309,19 @@ class FileWriter {
 
   // Compresses every pending composite once and writes its stored form.
   bool WritePending() {
-    OdbcStatement* update = nullptr;
-    for (auto& [id, pending] : pending_) {
-      if (update == nullptr && (update = statements_.Get(d_.updateCompositeData)) == nullptr) {
-        return false;
-      }
-      StoredForm form;
-      if (!form.Make(pending.plain)) return false;
+    if (pending_.empty()) return true;
+    std::vector<const Bytes*> plains;
+    for (const auto& entry : pending_) plains.push_back(&entry.second.plain);
+    std::vector<StoredForm> forms(plains.size());
+    if (!MakeStoredForms(plains, forms)) return false;
+    OdbcStatement* update = statements_.Get(d_.updateCompositeData);
+    if (update == nullptr) return false;
+    std::size_t i = 0;
+    for (const auto& entry : pending_) {
+      const StoredForm& form = forms[i++];
       update->SetBinary(1, form.bytes(), form.count(), d_.longBinary);
       update->SetBit(2, form.compressed());
-      update->SetInt32(3, id);
+      update->SetInt32(3, entry.first);
       if (!update->Execute()) return false;
     }
     pending_.clear();
