@@ -4,10 +4,14 @@
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
+#include <deque>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <system_error>
 #include <thread>
+#include <unordered_map>
 
 #include "net/zlib_codec.h"
 #include "store/chunk_fingerprint.h"
@@ -155,7 +159,131 @@ bool EnsureTables(OdbcConnection& db, const Dialect& d) {
   return db.Commit();
 }
 
+// Compresses composites on helper threads while the caller goes on
+// matching chunks; lives for one file's transaction. Jobs carry the
+// composite's generation, so a result for bytes that were appended to since
+// is recognised as stale.
+class BackgroundCompressor {
+ public:
+  struct Result {
+    std::uint64_t generation = 0;
+    std::shared_ptr<const Bytes> plain;  // what the form may point into
+    StoredForm form;
+    bool ok = false;
+  };
+
+  BackgroundCompressor() = default;
+  BackgroundCompressor(const BackgroundCompressor&) = delete;
+  BackgroundCompressor& operator=(const BackgroundCompressor&) = delete;
+  ~BackgroundCompressor() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      stop_ = true;
+      jobs_.clear();  // after a failure nobody wants them
+    }
+    work_.notify_all();
+    for (std::thread& thread : threads_) thread.join();
+  }
+
+  // False when no helper thread can run here (one core, or none started);
+  // the caller then compresses at the end.
+  bool Submit(std::int32_t id, std::uint64_t generation, std::shared_ptr<const Bytes> plain) {
+    if (!started_) Start();
+    if (threads_.empty()) return false;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      jobs_.push_back({id, generation, std::move(plain)});
+    }
+    work_.notify_one();
+    return true;
+  }
+
+  // Finishes every submitted job, taking part in the work, and hands over
+  // the newest result of each composite.
+  std::map<std::int32_t, Result> Drain() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (RunOne(lock)) {
+    }
+    idle_.wait(lock, [this] { return jobs_.empty() && busy_ == 0; });
+    return std::move(results_);
+  }
+
+ private:
+  struct Job {
+    std::int32_t id;
+    std::uint64_t generation;
+    std::shared_ptr<const Bytes> plain;
+  };
+
+  void Start() {
+    started_ = true;
+    const unsigned helpers = std::min(std::thread::hardware_concurrency(), 8u);
+    for (unsigned i = 1; i < helpers; ++i) {
+      try {
+        threads_.emplace_back([this] { Work(); });
+      } catch (const std::system_error&) {
+        break;
+      }
+    }
+  }
+
+  void Work() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+      work_.wait(lock, [this] { return stop_ || !jobs_.empty(); });
+      if (!RunOne(lock)) return;  // stopping
+    }
+  }
+
+  // Runs the oldest job, unlocking while it compresses; false when there
+  // was none. REQUIRES: `lock` holds mutex_.
+  bool RunOne(std::unique_lock<std::mutex>& lock) {
+    if (jobs_.empty()) return false;
+    Job job = std::move(jobs_.front());
+    jobs_.pop_front();
+    ++busy_;
+    lock.unlock();
+    Result result;
+    result.generation = job.generation;
+    result.plain = std::move(job.plain);
+    try {
+      result.ok = result.form.Make(*result.plain);
+    } catch (...) {
+      result.ok = false;
+    }
+    lock.lock();
+    Result& slot = results_[job.id];
+    if (slot.plain == nullptr || slot.generation < result.generation) slot = std::move(result);
+    --busy_;
+    idle_.notify_all();
+    return true;
+  }
+
+  bool started_ = false;
+  std::vector<std::thread> threads_;
+  std::mutex mutex_;
+  std::condition_variable work_;            // a job or the stop request arrived
+  std::condition_variable idle_;            // a job finished
+  std::deque<Job> jobs_;                    // guarded by mutex_
+  std::map<std::int32_t, Result> results_;  // guarded by mutex_
+  int busy_ = 0;                            // guarded by mutex_
+  bool stop_ = false;                       // guarded by mutex_
+};
+
+// A fingerprint's bucket as the composite search compares it (x 100,
+// truncated toward zero).
+int BucketOf(double fingerprint) { return static_cast<int>(fingerprint * 100.0); }
+
 // One file's transaction.
+//
+// With deferred compression, a composite's bytes are written once, when the
+// file can no longer touch it: either at the end, or as soon as no chunk
+// still to come falls into its bucket or a neighbouring one (the margin
+// covers the last-digit differences between this code's arithmetic and the
+// database's); such composites are compressed on helper threads while the
+// remaining chunks are matched. A guess that proves wrong costs a second
+// compression, never a wrong byte: a composite touched again is compressed
+// again.
 class FileWriter {
  public:
   FileWriter(OdbcConnection& db, const Dialect& d, const StoreOptions& options)
@@ -168,8 +296,20 @@ class FileWriter {
     insert->SetInt32(1, count);
     if (!insert->Execute() || !ReadIdentity(insert, fileId)) return false;
     const auto total = static_cast<std::size_t>(count);
+    std::vector<double> fingerprints;
     for (std::size_t offset = 0; offset < total; offset += kChunkBytes) {
-      if (!AddChunk(fileId, bytes + offset, std::min(kChunkBytes, total - offset))) return false;
+      fingerprints.push_back(
+          ChunkFingerprint(bytes + offset, std::min(kChunkBytes, total - offset)));
+      ++remaining_[BucketOf(fingerprints.back())];
+    }
+    for (std::size_t i = 0; i < fingerprints.size(); ++i) {
+      const std::size_t offset = i * kChunkBytes;
+      std::int32_t touched = 0;
+      if (!AddChunk(fileId, bytes + offset, std::min(kChunkBytes, total - offset), fingerprints[i],
+                    touched)) {
+        return false;
+      }
+      if (options_.deferCompression) CompressWhatIsFinished(BucketOf(fingerprints[i]), touched);
     }
     return WritePending();
   }
@@ -177,7 +317,10 @@ class FileWriter {
  private:
   // A composite touched by this transaction whose bytes are not written yet.
   struct Pending {
-    Bytes plain;
+    std::shared_ptr<Bytes> plain;  // shared with a background job, if any
+    std::uint64_t generation = 0;  // appends so far
+    int bucket = 0;                // of its fingerprint now
+    bool submitted = false;        // this generation went to the compressor
   };
 
   bool ReadIdentity(OdbcStatement* insert, std::int32_t& id) {
@@ -195,8 +338,8 @@ class FileWriter {
     return false;
   }
 
-  bool AddChunk(std::int32_t fileId, const unsigned char* chunk, std::size_t length) {
-    const double fingerprint = ChunkFingerprint(chunk, length);
+  bool AddChunk(std::int32_t fileId, const unsigned char* chunk, std::size_t length,
+                double fingerprint, std::int32_t& id) {
     OdbcStatement* find = statements_.Get(d_.findComposite);
     if (find == nullptr) return false;
     find->SetDouble(1, fingerprint);
@@ -206,12 +349,11 @@ class FileWriter {
     if (row == OdbcStatement::Row::kError) return false;
     if (row == OdbcStatement::Row::kEnd) {
       find->CloseCursor();
-      return NewComposite(fileId, chunk, length, fingerprint);
+      return NewComposite(fileId, chunk, length, fingerprint, id);
     }
 
     // Columns in increasing order, as drivers require.
     const MatchColumns& m = d_.match;
-    std::int32_t id = 0;
     std::int32_t chunks = 0;
     std::int32_t maxOrdinal = 0;
     bool compressed = false;
@@ -228,7 +370,11 @@ class FileWriter {
     find->CloseCursor();
 
     Bytes fetched;
-    Bytes& plain = known ? pending->second.plain : fetched;
+    if (known && pending->second.plain.use_count() > 1) {
+      // A background job still reads these bytes: append to a copy.
+      pending->second.plain = std::make_shared<Bytes>(*pending->second.plain);
+    }
+    Bytes& plain = known ? *pending->second.plain : fetched;
     if (!known) {
       const bool read =
           m.data != 0 ? Unpack(data, compressed, plain) : ReadComposite(statements_, d_, id, plain);
@@ -248,8 +394,13 @@ class FileWriter {
       pendingBytes_ += length;
       if (!known) {
         pendingBytes_ += before;
-        pending_[id].plain = std::move(fetched);
+        pending = pending_.emplace(id, Pending{}).first;
+        pending->second.plain = std::make_shared<Bytes>(std::move(fetched));
       }
+      Pending& entry = pending->second;
+      ++entry.generation;
+      entry.bucket = BucketOf(composite);
+      entry.submitted = false;
     } else {
       StoredForm form;
       OdbcStatement* update = statements_.Get(d_.updateComposite);
@@ -266,26 +417,28 @@ class FileWriter {
   }
 
   bool NewComposite(std::int32_t fileId, const unsigned char* chunk, std::size_t length,
-                    double fingerprint) {
+                    double fingerprint, std::int32_t& id) {
     OdbcStatement* insert = statements_.Get(d_.insertComposite);
     if (insert == nullptr) return false;
-    Bytes plain(chunk, chunk + length);
+    auto plain = std::make_shared<Bytes>(chunk, chunk + length);
     StoredForm form;
     if (options_.deferCompression) {
-      // The chunk as it is for now; its stored form is written at the end.
-      insert->SetBinary(1, plain.data(), plain.size(), d_.longBinary);
+      // The chunk as it is for now; its stored form is written later.
+      insert->SetBinary(1, plain->data(), plain->size(), d_.longBinary);
       insert->SetBit(3, false);
     } else {
-      if (!form.Make(plain)) return false;
+      if (!form.Make(*plain)) return false;
       insert->SetBinary(1, form.bytes(), form.count(), d_.longBinary);
       insert->SetBit(3, form.compressed());
     }
     insert->SetDouble(2, fingerprint);
-    std::int32_t id = 0;
     if (!insert->Execute() || !ReadIdentity(insert, id)) return false;
     if (options_.deferCompression) {
       pendingBytes_ += length;
-      pending_[id].plain = std::move(plain);
+      Pending& entry = pending_[id];
+      entry.plain = std::move(plain);
+      entry.generation = 1;
+      entry.bucket = BucketOf(fingerprint);
     }
     return InsertChunk(fileId, 1, id, 1, length, fingerprint) && WritePendingIfLarge();
   }
@@ -303,25 +456,63 @@ class FileWriter {
     return insert->Execute();
   }
 
+  // Called after each chunk: the chunk of `bucket` is done, and composite
+  // `touched` took it. Hands composites that no chunk still to come can
+  // reach to the background compressor.
+  void CompressWhatIsFinished(int bucket, std::int32_t touched) {
+    const bool bucketDone = --remaining_[bucket] == 0;
+    const auto reachable = [this](int b) {
+      for (int near = b - 1; near <= b + 1; ++near) {
+        auto found = remaining_.find(near);
+        if (found != remaining_.end() && found->second > 0) return true;
+      }
+      return false;
+    };
+    const auto consider = [&](std::int32_t id, Pending& entry) {
+      if (entry.submitted || reachable(entry.bucket)) return;
+      entry.submitted = compressor_.Submit(id, entry.generation, entry.plain);
+    };
+    if (bucketDone) {
+      for (auto& [id, entry] : pending_) consider(id, entry);
+    } else if (auto found = pending_.find(touched); found != pending_.end()) {
+      consider(touched, found->second);
+    }
+  }
+
   bool WritePendingIfLarge() {
     return pendingBytes_ <= options_.deferredBytesLimit || WritePending();
   }
 
-  // Compresses every pending composite once and writes its stored form.
+  // Writes the stored form of every pending composite: the background
+  // result when it is for the composite's last bytes, else compressed now.
   bool WritePending() {
     if (pending_.empty()) return true;
+    std::map<std::int32_t, BackgroundCompressor::Result> done = compressor_.Drain();
     std::vector<const Bytes*> plains;
-    for (const auto& entry : pending_) plains.push_back(&entry.second.plain);
+    std::vector<const StoredForm*> chosen(pending_.size(), nullptr);
+    std::size_t i = 0;
+    for (const auto& [id, entry] : pending_) {
+      auto result = done.find(id);
+      if (result != done.end() && result->second.ok &&
+          result->second.generation == entry.generation) {
+        chosen[i] = &result->second.form;
+      } else {
+        plains.push_back(entry.plain.get());
+      }
+      ++i;
+    }
     std::vector<StoredForm> forms(plains.size());
     if (!MakeStoredForms(plains, forms)) return false;
     OdbcStatement* update = statements_.Get(d_.updateCompositeData);
     if (update == nullptr) return false;
-    std::size_t i = 0;
-    for (const auto& entry : pending_) {
-      const StoredForm& form = forms[i++];
+    std::size_t fresh = 0;
+    i = 0;
+    for (const auto& [id, entry] : pending_) {
+      const StoredForm& form = chosen[i] != nullptr ? *chosen[i] : forms[fresh++];
+      ++i;
       update->SetBinary(1, form.bytes(), form.count(), d_.longBinary);
       update->SetBit(2, form.compressed());
-      update->SetInt32(3, entry.first);
+      update->SetInt32(3, id);
       if (!update->Execute()) return false;
     }
     pending_.clear();
@@ -335,6 +526,10 @@ class FileWriter {
   Statements statements_;
   std::map<std::int32_t, Pending> pending_;
   std::size_t pendingBytes_ = 0;
+  // Chunks of the file not yet stored, by bucket.
+  std::unordered_map<int, int> remaining_;
+  // Declared last: its threads stop before the composites they read go.
+  BackgroundCompressor compressor_;
 };
 
 void Report(std::string* error, const std::string& what) {
