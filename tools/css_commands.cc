@@ -30,7 +30,8 @@ class TokenPrinter : public CCssTokenizerEvents {
                CssTextPair* unicodeRange, void* whitespace, void* comment, void* cdo, void* cdc,
                void* colon, void* semicolon, void* openBracket, void* closeBracket, void* openParen,
                void* closeParen, void* openBrace, void* closeBrace) override {
-    line_ = "[";
+    line_.clear();  // not `= "["`: g++ 12 warns falsely (-Wrestrict) at -O3
+    line_.push_back('[');
     if (ident != nullptr) Named("ident", *ident);
     if (function != nullptr) Named("function", *function);
     if (atKeyword != nullptr) Named("at-keyword", *atKeyword);
