@@ -4,9 +4,12 @@
 set -euo pipefail
 
 # libcurl4-openssl-dev: the HTTP client; nginx, openssl: the download tests'
-# loopback server and its throw-away certificate authority.
+# loopback server and its throw-away certificate authority. libpng-dev,
+# libjpeg62-turbo-dev, libgif-dev: the image codecs; apache2-data: real GIF
+# and PNG icons for the image tests.
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev zlib1g-dev python3
-  libcurl4-openssl-dev ca-certificates nginx openssl "$@")
+  libcurl4-openssl-dev ca-certificates nginx openssl libpng-dev libjpeg62-turbo-dev libgif-dev
+  apache2-data "$@")
 missing=()
 for package in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' ||

@@ -52,5 +52,6 @@ int RunMeta(zelvarpack::cli::Arguments& args);
 int RunId(zelvarpack::cli::Arguments& args);
 int RunFetch(zelvarpack::cli::Arguments& args);
 int RunJs(zelvarpack::cli::Arguments& args);
+int RunSprite(zelvarpack::cli::Arguments& args);
 
 #endif  // ZELVARPACK_TOOLS_CLI_H_

@@ -18,7 +18,12 @@ constexpr char kUsage[] =
     "  fetch URL [--cache DIR] [--timeout SECONDS] [--user-agent UA] [-o FILE]\n"
     "                                               download URL; counters as JSON on stderr\n"
     "  js store [--cache DIR] FILE...               store the scripts combined, print the id\n"
-    "  js get [--cache DIR] [--gzip] ID             write a stored script; gzip choice on stderr\n";
+    "  js get [--cache DIR] [--gzip] ID             write a stored script; gzip choice on stderr\n"
+    "  sprite [--cache DIR] [[--size WxH] [--margins B,L,R,T] IMAGE]...\n"
+    "                                               build the four sprite sheets; print ids and\n"
+    "                                               each image's key and percentages\n"
+    "  sprite get [--cache DIR] gif|jpg|png24|png32 ID -o FILE\n"
+    "                                               write a stored sheet, print its index\n";
 
 struct Command {
   const char* name;
@@ -31,6 +36,7 @@ constexpr Command kCommands[] = {
     {"id", RunId},
     {"fetch", RunFetch},
     {"js", RunJs},
+    {"sprite", RunSprite},
 };
 
 }  // namespace
