@@ -97,11 +97,14 @@ int main(int argc, char** argv) {
     const std::string& id = last.ids[set];
     const std::size_t sheet =
         id.empty() ? 0 : ReadFile((scratch / "warm" / kFolders[set] / id).string()).size();
-    std::printf("  %-5s %3zu images, sources %7zu bytes, sheet %s%zu bytes (%.0f%%)\n",
-                kSetNames[set], counts[set], sourceBytes[set],
-                id.empty() ? "not worth making, would be > " : "",
-                id.empty() ? sourceBytes[set] : sheet,
-                id.empty() ? 100.0 : 100.0 * sheet / sourceBytes[set]);
+    if (id.empty()) {
+      std::printf("  %-5s %3zu images, sources %7zu bytes, no sheet (not smaller than them)\n",
+                  kSetNames[set], counts[set], sourceBytes[set]);
+    } else {
+      std::printf("  %-5s %3zu images, sources %7zu bytes, sheet %7zu bytes (%.0f%%)\n",
+                  kSetNames[set], counts[set], sourceBytes[set], sheet,
+                  100.0 * static_cast<double>(sheet) / static_cast<double>(sourceBytes[set]));
+    }
     totalSource += sourceBytes[set];
     totalSheet += id.empty() ? sourceBytes[set] : sheet;
   }
