@@ -106,6 +106,12 @@ bool DecodeRaw(const std::uint8_t* bytes, std::size_t count, PixelSink* sink) {
   jpeg_mem_src(&info, bytes, static_cast<unsigned long>(count));
   if (jpeg_read_header(&info, TRUE) != JPEG_HEADER_OK)
     OnError(reinterpret_cast<j_common_ptr>(&info));
+  // Before jpeg_start_decompress: for a progressive file it takes memory for
+  // the coefficients of the whole image.
+  if (!sink->limits->Admits(info.image_width, info.image_height)) {
+    jpeg_destroy_decompress(&info);
+    return false;
+  }
   const bool cmyk = info.jpeg_color_space == JCS_CMYK || info.jpeg_color_space == JCS_YCCK;
   info.out_color_space = cmyk ? JCS_CMYK : JCS_EXT_RGBA;
   info.dct_method = JDCT_ISLOW;

@@ -98,20 +98,30 @@ struct CZelvarImageServer::State {
     if (handle < 0 || static_cast<std::size_t>(handle) >= records.size()) return nullptr;
     return records[static_cast<std::size_t>(handle)].get();
   }
+  // The decoding job: never throws, ends by setting `finished`.
   void Decode(ImageRecord& record);
+  bool Accept(ImageRecord& record);
   std::string Build(std::int32_t kind);
   CZelvarImages* Read(const std::string& folder, const std::string& id) const;
 };
 
 void CZelvarImageServer::State::Decode(ImageRecord& record) {
+  bool ok = false;
+  try {
+    ok = Accept(record);
+  } catch (const std::bad_alloc&) {
+    ok = false;  // this image stays separate; the page goes on
+  }
+  record.accepted = ok;
+  record.finished.store(true, std::memory_order_release);
+}
+
+bool CZelvarImageServer::State::Accept(ImageRecord& record) {
   const auto* bytes = reinterpret_cast<const std::uint8_t*>(record.source.data());
   const DecodeLimits limits;
   RgbaImage image;
-  bool ok = false;
-  try {
-    ok = zelvarpack::image::DecodeImage(bytes, record.source.size(), limits, record.format, image);
-  } catch (const std::bad_alloc&) {
-    ok = false;  // this image stays separate; the page goes on
+  if (!zelvarpack::image::DecodeImage(bytes, record.source.size(), limits, record.format, image)) {
+    return false;
   }
   const std::int64_t width =
       record.declaredWidth.empty() ? image.width : ParseLeadingInt(record.declaredWidth);
@@ -119,28 +129,27 @@ void CZelvarImageServer::State::Decode(ImageRecord& record) {
       record.declaredHeight.empty() ? image.height : ParseLeadingInt(record.declaredHeight);
   for (const std::int64_t margin :
        {record.marginBottom, record.marginLeft, record.marginRight, record.marginTop}) {
-    ok = ok && margin >= 0 && margin <= kMaxMargin;
+    if (margin < 0 || margin > kMaxMargin) return false;
   }
-  ok = ok && limits.Admits(width, height);
+  if (!limits.Admits(width, height)) return false;
+  if (record.format == ImageFormat::kPng) {
+    record.pngDepth = zelvarpack::image::PngDepth(bytes, record.source.size());
+  }
+  record.width = static_cast<std::int32_t>(width);
+  record.height = static_cast<std::int32_t>(height);
+  std::string keyed = record.source;
+  keyed += std::to_string(record.width) + "x" + std::to_string(record.height);
+  record.key = CZelvarUtils::UrlHash(reinterpret_cast<const unsigned char*>(keyed.data()),
+                                     static_cast<std::int32_t>(keyed.size()));
+  // Last, once nothing else can fail: the pixels count against the budget
+  // until the sheet is drawn.
   const std::int64_t pixels = static_cast<std::int64_t>(image.width) * image.height;
-  if (ok && heldPixels.fetch_add(pixels) + pixels > kMaxHeldPixels) {
+  if (heldPixels.fetch_add(pixels) + pixels > kMaxHeldPixels) {
     heldPixels.fetch_sub(pixels);
-    ok = false;
+    return false;
   }
-  if (ok) {
-    if (record.format == ImageFormat::kPng) {
-      record.pngDepth = zelvarpack::image::PngDepth(bytes, record.source.size());
-    }
-    record.width = static_cast<std::int32_t>(width);
-    record.height = static_cast<std::int32_t>(height);
-    std::string keyed = record.source;
-    keyed += std::to_string(record.width) + "x" + std::to_string(record.height);
-    record.key = CZelvarUtils::UrlHash(reinterpret_cast<const unsigned char*>(keyed.data()),
-                                       static_cast<std::int32_t>(keyed.size()));
-    record.image = std::move(image);
-  }
-  record.accepted = ok;
-  record.finished.store(true, std::memory_order_release);
+  record.image = std::move(image);
+  return true;
 }
 
 std::string CZelvarImageServer::State::Build(std::int32_t kind) {
