@@ -31,7 +31,12 @@ constexpr char kUsage[] =
     "  store get [--db CONNECTION] ID [-o FILE]     write a stored file back\n"
     "  store stats [--db CONNECTION]                files, chunks, composites, bytes, ratio\n"
     "      CONNECTION: an ODBC connection string, or a SQLite database file\n"
-    "      (default: zelvarpack-store.db in the current folder)\n";
+    "      (default: zelvarpack-store.db in the current folder)\n"
+    "  sprite [--cache DIR] [[--size WxH] [--margins B,L,R,T] IMAGE]...\n"
+    "                                               build the four sprite sheets; print ids and\n"
+    "                                               each image's key and percentages\n"
+    "  sprite get [--cache DIR] gif|jpg|png24|png32 ID -o FILE\n"
+    "                                               write a stored sheet, print its index\n";
 
 struct Command {
   const char* name;
@@ -50,6 +55,7 @@ constexpr Command kCommands[] = {
     {"style", RunStyle},
     {"audio", RunAudio},
     {"store", RunStore},
+    {"sprite", RunSprite},
 };
 
 }  // namespace

@@ -1,0 +1,88 @@
+// The image codec seam: everything the image server needs from an imaging
+// library, and nothing more. Decoding gives 8-bit RGBA (not premultiplied);
+// drawing copies one image into a rectangle of a sheet; encoding writes PNG,
+// or JPEG at a given quality. The Linux implementation sits in
+// image/codec_*.cc over libpng, libjpeg-turbo and giflib; no other file sees
+// those libraries. Every function is pure apart from allocation and safe
+// from any number of threads at once.
+#ifndef ZELVARPACK_IMAGE_CODEC_H_
+#define ZELVARPACK_IMAGE_CODEC_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace zelvarpack::image {
+
+enum class ImageFormat { kUnknown, kGif, kJpeg, kPng };
+
+// Pixels row by row, top to bottom, four bytes each: R, G, B, A.
+struct RgbaImage {
+  std::int32_t width = 0;
+  std::int32_t height = 0;
+  std::vector<std::uint8_t> pixels;
+
+  std::uint8_t* At(std::int32_t x, std::int32_t y) {
+    return pixels.data() + (static_cast<std::size_t>(y) * static_cast<std::size_t>(width) +
+                            static_cast<std::size_t>(x)) *
+                               4;
+  }
+  const std::uint8_t* At(std::int32_t x, std::int32_t y) const {
+    return const_cast<RgbaImage*>(this)->At(x, y);
+  }
+};
+
+// Sizes a decoder accepts. Checked on the header, before any pixel memory
+// is taken.
+struct DecodeLimits {
+  std::int32_t maxSide = 4096;
+  std::int64_t maxPixels = 16 * 1024 * 1024;
+
+  bool Admits(std::int64_t width, std::int64_t height) const {
+    return width > 0 && height > 0 && width <= maxSide && height <= maxSide &&
+           width * height <= maxPixels;
+  }
+};
+
+// The format the bytes announce by their signature, whatever their name.
+ImageFormat SniffImageFormat(const std::uint8_t* bytes, std::size_t count);
+
+// Decodes a GIF of one frame, a JPEG or a PNG into `out`. False, with `out`
+// left empty, for any other format, an animated GIF, a size the limits
+// refuse, and corrupt or truncated data. `format` is set from the signature
+// either way.
+bool DecodeImage(const std::uint8_t* bytes, std::size_t count, const DecodeLimits& limits,
+                 ImageFormat& format, RgbaImage& out);
+
+// A width x height image of one colour.
+RgbaImage NewCanvas(std::int32_t width, std::int32_t height, std::uint8_t r, std::uint8_t g,
+                    std::uint8_t b, std::uint8_t a);
+
+// Copies all of `source` into the rectangle (x, y, width, height) of
+// `sheet`, replacing what was there, alpha included (no blending). A source
+// of another size is scaled bilinearly; samples are taken from `source`
+// alone (its edge pixels repeat outward), so no colour from beyond the
+// source reaches the rectangle. Parts outside the sheet are clipped.
+void DrawScaled(RgbaImage& sheet, const RgbaImage& source, std::int32_t x, std::int32_t y,
+                std::int32_t width, std::int32_t height);
+
+// Lossless PNG of `image`, alpha kept. Written as a palette image when it
+// has at most 256 colours, else as RGB when it is opaque, else as RGBA.
+bool EncodePng(const RgbaImage& image, std::string& out);
+
+// Baseline JPEG of the colour channels (alpha ignored) at `quality` from 0
+// to 100 (0 is taken as 1, the lowest the encoder has).
+bool EncodeJpeg(const RgbaImage& image, int quality, std::string& out);
+
+// Per-format decoders behind DecodeImage; `out` is empty on failure.
+bool DecodeGif(const std::uint8_t* bytes, std::size_t count, const DecodeLimits& limits,
+               RgbaImage& out);
+bool DecodeJpeg(const std::uint8_t* bytes, std::size_t count, const DecodeLimits& limits,
+                RgbaImage& out);
+bool DecodePng(const std::uint8_t* bytes, std::size_t count, const DecodeLimits& limits,
+               RgbaImage& out);
+
+}  // namespace zelvarpack::image
+
+#endif  // ZELVARPACK_IMAGE_CODEC_H_

@@ -1,0 +1,191 @@
+// JPEG through libjpeg-turbo. libjpeg reports errors by calling error_exit,
+// which must not return; here it longjmps back into the small C-style
+// function that started the work. Those functions hold no object with a
+// destructor, and no C++ frame lies between them and libjpeg, so the jump
+// skips nothing. Everything that owns memory lives in the callers.
+#include <csetjmp>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <new>
+
+// jpeglib.h needs FILE and size_t declared first.
+#include <jerror.h>
+#include <jpeglib.h>
+
+#include "image/codec.h"
+
+namespace zelvarpack::image {
+
+namespace {
+
+// A progressive file may hold any number of scans, each a pass over the whole
+// image; real encoders write about ten.
+constexpr int kMaxScans = 100;
+
+struct ErrorTrap {
+  jpeg_error_mgr manager;  // first, so the libjpeg pointer converts back
+  std::jmp_buf jump;
+};
+
+[[noreturn]] void OnError(j_common_ptr info) {
+  std::longjmp(reinterpret_cast<ErrorTrap*>(info->err)->jump, 1);
+}
+
+// Warnings about data that ends early or breaks off mid-segment mean libjpeg
+// would fill the rest with grey: such a file is corrupt. Other warnings
+// (stray bytes between segments, common in camera files) are let pass. The
+// library writes no messages.
+void OnMessage(j_common_ptr info, int level) {
+  if (level == -1 &&
+      (info->err->msg_code == JWRN_JPEG_EOF || info->err->msg_code == JWRN_HIT_MARKER)) {
+    OnError(info);
+  }
+}
+
+void OnOutput(j_common_ptr) {}
+
+void OnProgress(j_common_ptr info) {
+  auto* decompress = reinterpret_cast<j_decompress_ptr>(info);
+  if (info->is_decompressor && decompress->input_scan_number > kMaxScans) OnError(info);
+}
+
+void InstallTrap(ErrorTrap& trap) {
+  jpeg_std_error(&trap.manager);
+  trap.manager.error_exit = OnError;
+  trap.manager.emit_message = OnMessage;
+  trap.manager.output_message = OnOutput;
+}
+
+// Where decoded rows go: Allocate is called once with the size, and returns
+// null when the sink refuses the size or memory ran out.
+struct PixelSink {
+  const DecodeLimits* limits;
+  RgbaImage* image;
+  bool outOfMemory;
+};
+
+std::uint8_t* Allocate(PixelSink* sink, JDIMENSION width, JDIMENSION height) {
+  if (!sink->limits->Admits(width, height)) return nullptr;
+  try {
+    sink->image->width = static_cast<std::int32_t>(width);
+    sink->image->height = static_cast<std::int32_t>(height);
+    sink->image->pixels.resize(static_cast<std::size_t>(width) * height * 4);
+  } catch (const std::bad_alloc&) {
+    sink->outOfMemory = true;
+    return nullptr;
+  }
+  return sink->image->pixels.data();
+}
+
+// Adobe files store CMYK inverted; others plain.
+void CmykToRgba(std::uint8_t* row, JDIMENSION width, bool inverted) {
+  for (JDIMENSION x = 0; x < width; ++x, row += 4) {
+    unsigned c = row[0], m = row[1], y = row[2], k = row[3];
+    if (!inverted) c = 255 - c, m = 255 - m, y = 255 - y, k = 255 - k;
+    row[0] = static_cast<std::uint8_t>(c * k / 255);
+    row[1] = static_cast<std::uint8_t>(m * k / 255);
+    row[2] = static_cast<std::uint8_t>(y * k / 255);
+    row[3] = 255;
+  }
+}
+
+bool DecodeRaw(const std::uint8_t* bytes, std::size_t count, PixelSink* sink) {
+  jpeg_decompress_struct info;
+  ErrorTrap trap;
+  jpeg_progress_mgr progress;
+  info.err = &trap.manager;
+  InstallTrap(trap);
+  if (setjmp(trap.jump) != 0) {
+    jpeg_destroy_decompress(&info);
+    return false;
+  }
+  jpeg_create_decompress(&info);
+  progress.progress_monitor = OnProgress;
+  info.progress = &progress;
+  jpeg_mem_src(&info, bytes, static_cast<unsigned long>(count));
+  if (jpeg_read_header(&info, TRUE) != JPEG_HEADER_OK)
+    OnError(reinterpret_cast<j_common_ptr>(&info));
+  // Before jpeg_start_decompress: for a progressive file it takes memory for
+  // the coefficients of the whole image.
+  if (!sink->limits->Admits(info.image_width, info.image_height)) {
+    jpeg_destroy_decompress(&info);
+    return false;
+  }
+  const bool cmyk = info.jpeg_color_space == JCS_CMYK || info.jpeg_color_space == JCS_YCCK;
+  info.out_color_space = cmyk ? JCS_CMYK : JCS_EXT_RGBA;
+  info.dct_method = JDCT_ISLOW;
+  jpeg_start_decompress(&info);
+  std::uint8_t* pixels = Allocate(sink, info.output_width, info.output_height);
+  if (pixels == nullptr || info.output_components != 4) {
+    jpeg_destroy_decompress(&info);
+    return false;
+  }
+  const std::size_t stride = static_cast<std::size_t>(info.output_width) * 4;
+  while (info.output_scanline < info.output_height) {
+    JSAMPROW row = pixels + stride * info.output_scanline;
+    if (jpeg_read_scanlines(&info, &row, 1) != 1) OnError(reinterpret_cast<j_common_ptr>(&info));
+    if (cmyk) CmykToRgba(row, info.output_width, info.saw_Adobe_marker);
+  }
+  jpeg_finish_decompress(&info);
+  jpeg_destroy_decompress(&info);
+  return true;
+}
+
+// On success `*buffer` holds `*size` bytes allocated with malloc.
+bool EncodeRaw(const RgbaImage* image, int quality, unsigned char** buffer, unsigned long* size) {
+  jpeg_compress_struct info;
+  ErrorTrap trap;
+  info.err = &trap.manager;
+  InstallTrap(trap);
+  if (setjmp(trap.jump) != 0) {
+    jpeg_destroy_compress(&info);
+    return false;
+  }
+  jpeg_create_compress(&info);
+  jpeg_mem_dest(&info, buffer, size);
+  info.image_width = static_cast<JDIMENSION>(image->width);
+  info.image_height = static_cast<JDIMENSION>(image->height);
+  info.input_components = 4;
+  info.in_color_space = JCS_EXT_RGBX;
+  jpeg_set_defaults(&info);
+  jpeg_set_quality(&info, quality < 1 ? 1 : quality, TRUE);
+  info.optimize_coding = TRUE;
+  jpeg_start_compress(&info, TRUE);
+  const std::size_t stride = static_cast<std::size_t>(image->width) * 4;
+  while (info.next_scanline < info.image_height) {
+    JSAMPROW row = const_cast<JSAMPROW>(image->pixels.data() + stride * info.next_scanline);
+    jpeg_write_scanlines(&info, &row, 1);
+  }
+  jpeg_finish_compress(&info);
+  jpeg_destroy_compress(&info);
+  return true;
+}
+
+}  // namespace
+
+bool DecodeJpeg(const std::uint8_t* bytes, std::size_t count, const DecodeLimits& limits,
+                RgbaImage& out) {
+  RgbaImage image;
+  PixelSink sink{&limits, &image, false};
+  const bool ok = DecodeRaw(bytes, count, &sink);
+  if (sink.outOfMemory) throw std::bad_alloc();
+  out = ok ? std::move(image) : RgbaImage{};
+  return ok;
+}
+
+bool EncodeJpeg(const RgbaImage& image, int quality, std::string& out) {
+  out.clear();
+  if (image.width <= 0 || image.height <= 0) return false;
+  unsigned char* buffer = nullptr;
+  unsigned long size = 0;
+  const bool ok = EncodeRaw(&image, quality, &buffer, &size);
+  struct Free {
+    void operator()(unsigned char* p) const { std::free(p); }
+  };
+  const std::unique_ptr<unsigned char, Free> owned(buffer);
+  if (ok) out.assign(reinterpret_cast<const char*>(buffer), size);
+  return ok;
+}
+
+}  // namespace zelvarpack::image

@@ -1,0 +1,144 @@
+#include "image/codec.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "image/codec_samples.h"
+
+namespace zelvarpack::image {
+namespace {
+
+using namespace samples;
+
+bool Decode(const std::string& bytes, RgbaImage& out, ImageFormat* format = nullptr,
+            DecodeLimits limits = {}) {
+  ImageFormat sniffed;
+  const bool ok = DecodeImage(Bytes(bytes), bytes.size(), limits, sniffed, out);
+  if (format != nullptr) *format = sniffed;
+  return ok;
+}
+
+// Two colours and transparency: exact through every lossless path.
+RgbaImage Checker(std::int32_t width, std::int32_t height) {
+  RgbaImage image = Solid(width, height, 0);
+  for (std::int32_t y = 0; y < height; ++y) {
+    for (std::int32_t x = 0; x < width; ++x) {
+      const std::uint32_t colour = (x + y) % 3 == 0   ? 0
+                                   : (x + y) % 3 == 1 ? 0xCC2200FF
+                                                      : 0x0033AAFF;
+      const std::uint8_t rgba[4] = {
+          static_cast<std::uint8_t>(colour >> 24), static_cast<std::uint8_t>(colour >> 16),
+          static_cast<std::uint8_t>(colour >> 8), static_cast<std::uint8_t>(colour)};
+      std::memcpy(image.At(x, y), rgba, 4);
+    }
+  }
+  return image;
+}
+
+TEST(ImageCodec, DecodesGifPngAndJpegMadeByTheLibraries) {
+  const RgbaImage checker = Checker(13, 7);
+  RgbaImage out;
+  ImageFormat format;
+  ASSERT_TRUE(Decode(MakeGif(checker), out, &format));
+  EXPECT_EQ(format, ImageFormat::kGif);
+  EXPECT_EQ(out.pixels, checker.pixels);
+  ASSERT_TRUE(Decode(MakePng(checker), out, &format));
+  EXPECT_EQ(format, ImageFormat::kPng);
+  EXPECT_EQ(out.pixels, checker.pixels);
+
+  const RgbaImage photo = Photo(40, 30, 1);
+  std::string jpeg;
+  ASSERT_TRUE(EncodeJpeg(photo, 95, jpeg));
+  ASSERT_TRUE(Decode(jpeg, out, &format));
+  EXPECT_EQ(format, ImageFormat::kJpeg);
+  ASSERT_EQ(out.width, 40);
+  ASSERT_EQ(out.height, 30);
+  double error = 0;
+  for (std::size_t i = 0; i < out.pixels.size(); ++i)
+    error += std::abs(out.pixels[i] - photo.pixels[i]);
+  EXPECT_LT(error / out.pixels.size(), 4.0);
+}
+
+TEST(ImageCodec, PngEncodingIsLosslessInEachLayout) {
+  RgbaImage many = Photo(20, 20, 2);  // more than 256 colours, opaque
+  RgbaImage translucent = many;
+  translucent.At(3, 4)[3] = 0;
+  translucent.At(5, 4)[3] = 77;
+  for (const RgbaImage* image : {&many, &translucent}) {
+    const RgbaImage checker = Checker(9, 5);
+    for (const RgbaImage* each : {image, &checker}) {
+      std::string png;
+      ASSERT_TRUE(EncodePng(*each, png));
+      RgbaImage out;
+      ASSERT_TRUE(Decode(png, out));
+      EXPECT_EQ(out.pixels, each->pixels);
+    }
+  }
+}
+
+TEST(ImageCodec, RejectsAnimatedCorruptTruncatedAndUnknownInput) {
+  const RgbaImage checker = Checker(16, 16);
+  RgbaImage out;
+  EXPECT_FALSE(Decode(MakeGif(checker, 2), out));
+  EXPECT_TRUE(out.pixels.empty());
+
+  std::string jpeg;
+  ASSERT_TRUE(EncodeJpeg(Photo(64, 64, 3), 90, jpeg));
+  for (const std::string& whole : {MakeGif(checker), MakePng(Photo(32, 32, 4)), jpeg}) {
+    // Cut in the middle of the pixel data.
+    EXPECT_FALSE(Decode(whole.substr(0, whole.size() * 2 / 3), out)) << whole.substr(0, 4);
+    EXPECT_FALSE(Decode(whole.substr(0, 12), out));
+  }
+  std::string badCrc = MakePng(checker);
+  badCrc[29] ^= 1;  // the header chunk's check
+  EXPECT_FALSE(Decode(badCrc, out));
+  EXPECT_FALSE(Decode("BM\x36\0\0\0\0\0\0\0\x36\0\0\0", out));
+  EXPECT_FALSE(Decode("", out));
+}
+
+TEST(ImageCodec, RefusesOversizedImagesFromTheirHeaders) {
+  const DecodeLimits small{8, 40};
+  RgbaImage out;
+  EXPECT_TRUE(Decode(MakePng(Solid(8, 5, 0xFF)), out, nullptr, small));
+  EXPECT_FALSE(Decode(MakePng(Solid(9, 1, 0xFF)), out, nullptr, small));
+  EXPECT_FALSE(Decode(MakeGif(Solid(7, 7, 0xFF)), out, nullptr, small));  // 49 pixels
+  std::string jpeg;
+  ASSERT_TRUE(EncodeJpeg(Solid(1, 9, 0xFF), 80, jpeg));
+  EXPECT_FALSE(Decode(jpeg, out, nullptr, small));
+  // The default limits: 4096 on a side.
+  EXPECT_FALSE(Decode(MakePng(Solid(4097, 1, 0xFF)), out));
+}
+
+TEST(ImageCodec, ScaledDrawingStaysInsideItsRectangle) {
+  RgbaImage sheet = Solid(12, 4, 0xFFFFFF00);
+  const RgbaImage red = Solid(2, 2, 0xFF0000FF);
+  const RgbaImage blue = Solid(3, 1, 0x0000FFFF);
+  DrawScaled(sheet, red, 0, 0, 5, 4);
+  DrawScaled(sheet, blue, 5, 1, 4, 2);
+  // Half off the sheet: clipped, never written outside.
+  DrawScaled(sheet, red, 10, 3, 4, 4);
+  for (std::int32_t y = 0; y < 4; ++y) {
+    for (std::int32_t x = 0; x < 12; ++x) {
+      std::uint32_t expected = 0xFFFFFF00;
+      if (x < 5) expected = 0xFF0000FF;
+      if (x >= 5 && x < 9 && y >= 1 && y < 3) expected = 0x0000FFFF;
+      if (x >= 10 && y >= 3) expected = 0xFF0000FF;
+      const std::uint8_t* p = sheet.At(x, y);
+      EXPECT_EQ(static_cast<std::uint32_t>(p[0] << 24 | p[1] << 16 | p[2] << 8 | p[3]), expected)
+          << x << "," << y;
+    }
+  }
+  // A two-colour source scaled up keeps its edge pixels at the edges.
+  RgbaImage halves = Solid(2, 1, 0xFF0000FF);
+  std::memcpy(halves.At(1, 0), "\x00\x00\xFF\xFF", 4);
+  RgbaImage wide = Solid(8, 1, 0);
+  DrawScaled(wide, halves, 0, 0, 8, 1);
+  EXPECT_EQ(std::memcmp(wide.At(0, 0), "\xFF\x00\x00\xFF", 4), 0);
+  EXPECT_EQ(std::memcmp(wide.At(7, 0), "\x00\x00\xFF\xFF", 4), 0);
+  EXPECT_GT(wide.At(4, 0)[2], 0);  // blended in between
+}
+
+}  // namespace
+}  // namespace zelvarpack::image
