@@ -46,9 +46,10 @@ void CZelvarBuffer::Append(const unsigned char* bytes, std::int32_t count) {
     if (capacity > allocated_) {
       const std::int64_t doubled = std::min<std::int64_t>(2 * std::int64_t{allocated_}, kMax);
       const auto size = static_cast<std::int32_t>(std::max<std::int64_t>(doubled, capacity));
-      unsigned char* grown = Allocate(size);
-      std::memcpy(grown, data, length);
-      std::free(data);
+      // realloc can move a large block by remapping its pages instead of
+      // copying them.
+      auto* grown = static_cast<unsigned char*>(std::realloc(data, size));
+      if (grown == nullptr) throw std::bad_alloc();
       data = grown;
       allocated_ = size;
     }
