@@ -51,22 +51,40 @@ class Statements {
 // bytes themselves, else the bytes.
 class StoredForm {
  public:
-  // False when compression fails.
-  bool Make(const Bytes& plain) {
-    gzip_ = net::Compress(plain.data(), plain.size(), net::ZlibFormat::kGzip);
-    const auto gzipSize = static_cast<std::size_t>(gzip_->GetValueLength());
+  // False when compression fails. With `prefix` (a stream that consumed a
+  // prefix of `plain`) the gzip form continues it; with `keepPrefix` the
+  // form also keeps a stream over `plain` for a later append.
+  bool Make(const Bytes& plain, const GzipPrefix* prefix = nullptr, bool keepPrefix = false) {
+    std::size_t gzipSize = 0;
+    const unsigned char* gzipBytes = nullptr;
+    std::unique_ptr<GzipPrefix> fresh;
+    if (prefix == nullptr && keepPrefix) prefix = (fresh = GzipPrefix::Start()).get();
+    if (prefix != nullptr &&
+        prefix->Finish(plain.data(), plain.size(), continued_, keepPrefix ? &next_ : nullptr)) {
+      gzipSize = continued_.size();
+      gzipBytes = continued_.data();
+    } else {
+      next_.reset();
+      gzip_ = net::Compress(plain.data(), plain.size(), net::ZlibFormat::kGzip);
+      gzipSize = static_cast<std::size_t>(gzip_->GetValueLength());
+      gzipBytes = gzip_->GetValue();
+    }
     if (gzipSize == 0) return false;  // a gzip member is never empty
     compressed_ = gzipSize < plain.size();
-    bytes_ = compressed_ ? gzip_->GetValue() : plain.data();
+    bytes_ = compressed_ ? gzipBytes : plain.data();
     count_ = compressed_ ? gzipSize : plain.size();
     return true;
   }
   const unsigned char* bytes() const { return bytes_; }
   std::size_t count() const { return count_; }
   bool compressed() const { return compressed_; }
+  // The stream kept by Make, if any.
+  std::unique_ptr<GzipPrefix> TakePrefix() { return std::move(next_); }
 
  private:
   std::unique_ptr<CZelvarBuffer> gzip_;
+  Bytes continued_;
+  std::unique_ptr<GzipPrefix> next_;
   const unsigned char* bytes_ = nullptr;
   std::size_t count_ = 0;
   bool compressed_ = false;
@@ -76,14 +94,16 @@ class StoredForm {
 // store spends its time, and the composites are independent, so they are
 // spread over the processor's cores (threads that live only for this call).
 // False when any compression fails.
-bool MakeStoredForms(const std::vector<const Bytes*>& plains, std::vector<StoredForm>& forms) {
+bool MakeStoredForms(const std::vector<const Bytes*>& plains,
+                     const std::vector<const GzipPrefix*>& prefixes, bool keepPrefixes,
+                     std::vector<StoredForm>& forms) {
   constexpr unsigned kMaxThreads = 8;
   std::atomic<std::size_t> next{0};
   std::atomic<bool> failed{false};
   const auto work = [&] {
     try {
       for (std::size_t i; (i = next++) < plains.size();) {
-        if (!forms[i].Make(*plains[i])) failed = true;
+        if (!forms[i].Make(*plains[i], prefixes[i], keepPrefixes)) failed = true;
       }
     } catch (...) {
       failed = true;
@@ -124,16 +144,22 @@ bool ReadOneInt32(OdbcStatement* statement, std::int32_t& value) {
 }
 
 // Reads a composite's flag and data by id.
-bool ReadComposite(Statements& statements, const Dialect& d, std::int32_t id, Bytes& plain) {
+bool ReadCompositeData(Statements& statements, const Dialect& d, std::int32_t id, Bytes& data,
+                       bool& compressed) {
   OdbcStatement* read = statements.Get(d.compositeData);
   if (read == nullptr) return false;
   read->SetInt32(1, id);
-  bool compressed = false;
-  Bytes data;
   const bool ok = read->Execute() && read->Fetch() == OdbcStatement::Row::kRow &&
                   read->GetBit(1, compressed) && read->GetBinary(2, data);
   read->CloseCursor();
-  return ok && Unpack(data, compressed, plain);
+  return ok;
+}
+
+// Reads a composite's uncompressed bytes by id.
+bool ReadComposite(Statements& statements, const Dialect& d, std::int32_t id, Bytes& plain) {
+  bool compressed = false;
+  Bytes data;
+  return ReadCompositeData(statements, d, id, data, compressed) && Unpack(data, compressed, plain);
 }
 
 // Creates the tables when any is missing, and ends the transaction either
@@ -172,7 +198,8 @@ class BackgroundCompressor {
     bool ok = false;
   };
 
-  BackgroundCompressor() = default;
+  explicit BackgroundCompressor(bool keepPrefixes) : keepPrefixes_(keepPrefixes) {}
+
   BackgroundCompressor(const BackgroundCompressor&) = delete;
   BackgroundCompressor& operator=(const BackgroundCompressor&) = delete;
   ~BackgroundCompressor() {
@@ -187,12 +214,13 @@ class BackgroundCompressor {
 
   // False when no helper thread can run here (one core, or none started);
   // the caller then compresses at the end.
-  bool Submit(std::int32_t id, std::uint64_t generation, std::shared_ptr<const Bytes> plain) {
+  bool Submit(std::int32_t id, std::uint64_t generation, std::shared_ptr<const Bytes> plain,
+              std::shared_ptr<const GzipPrefix> prefix) {
     if (!started_) Start();
     if (threads_.empty()) return false;
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      jobs_.push_back({id, generation, std::move(plain)});
+      jobs_.push_back({id, generation, std::move(plain), std::move(prefix)});
     }
     work_.notify_one();
     return true;
@@ -213,6 +241,7 @@ class BackgroundCompressor {
     std::int32_t id;
     std::uint64_t generation;
     std::shared_ptr<const Bytes> plain;
+    std::shared_ptr<const GzipPrefix> prefix;
   };
 
   void Start() {
@@ -247,7 +276,7 @@ class BackgroundCompressor {
     result.generation = job.generation;
     result.plain = std::move(job.plain);
     try {
-      result.ok = result.form.Make(*result.plain);
+      result.ok = result.form.Make(*result.plain, job.prefix.get(), keepPrefixes_);
     } catch (...) {
       result.ok = false;
     }
@@ -259,6 +288,7 @@ class BackgroundCompressor {
     return true;
   }
 
+  const bool keepPrefixes_;
   bool started_ = false;
   std::vector<std::thread> threads_;
   std::mutex mutex_;
@@ -287,7 +317,32 @@ int BucketOf(double fingerprint) { return static_cast<int>(fingerprint * 100.0);
 class FileWriter {
  public:
   FileWriter(OdbcConnection& db, const Dialect& d, const StoreOptions& options)
-      : db_(db), d_(d), options_(options), statements_(db) {}
+      : db_(db),
+        d_(d),
+        options_(options),
+        statements_(db),
+        cache_(options.deferCompression ? options.cache : nullptr),
+        compressor_(cache_ != nullptr) {}
+  FileWriter(const FileWriter&) = delete;
+  FileWriter& operator=(const FileWriter&) = delete;
+  ~FileWriter() {
+    if (!published_) Publish(false);
+  }
+
+  // After the transaction ended: a commit hands the composites this file
+  // wrote to the cache, anything else makes the cache forget them.
+  void Publish(bool committed) {
+    published_ = true;
+    if (cache_ == nullptr) return;
+    for (const auto& [id, entry] : written_) {
+      if (committed && entry != nullptr) {
+        cache_->Put(id, entry);
+      } else {
+        cache_->Forget(id);
+      }
+    }
+    for (const auto& [id, entry] : pending_) cache_->Forget(id);
+  }
 
   bool Run(const unsigned char* bytes, std::int32_t count, std::int32_t& fileId) {
     if (d_.lockForWrite != nullptr && !db_.ExecuteDirect(d_.lockForWrite)) return false;
@@ -321,7 +376,40 @@ class FileWriter {
     std::uint64_t generation = 0;  // appends so far
     int bucket = 0;                // of its fingerprint now
     bool submitted = false;        // this generation went to the compressor
+    std::int32_t chunks = 0;       // its chunks count after the last append
+    // A stream that consumed a prefix of the bytes before this file's
+    // appends, when known; compression continues it.
+    std::shared_ptr<const GzipPrefix> prefix;
   };
+
+  // What is known of composite `id` as last written: by this transaction,
+  // else as committed earlier.
+  std::shared_ptr<const CompositeCache::Entry> Known(std::int32_t id) {
+    if (auto found = written_.find(id); found != written_.end()) return found->second;
+    return cache_->Find(id);
+  }
+
+  // The uncompressed bytes of a composite this transaction has not touched
+  // yet, from its stored data; reuses what the cache knows when that data
+  // is exactly what it remembers.
+  bool Fetch(std::int32_t id, std::int32_t chunks, Bytes& data, bool compressed, Bytes& plain,
+             std::shared_ptr<const GzipPrefix>& prefix) {
+    if (cache_ == nullptr) {
+      return d_.match.data != 0 ? Unpack(data, compressed, plain)
+                                : ReadComposite(statements_, d_, id, plain);
+    }
+    if (d_.match.data == 0 && !ReadCompositeData(statements_, d_, id, data, compressed)) {
+      return false;
+    }
+    std::shared_ptr<const CompositeCache::Entry> known = Known(id);
+    if (known != nullptr && known->plain != nullptr && known->prefix != nullptr &&
+        known->chunks == chunks && known->compressed == compressed && known->stored == data) {
+      plain = *known->plain;
+      prefix = known->prefix;
+      return true;
+    }
+    return Unpack(data, compressed, plain);
+  }
 
   bool ReadIdentity(OdbcStatement* insert, std::int32_t& id) {
     switch (d_.identityFrom) {
@@ -370,16 +458,13 @@ class FileWriter {
     find->CloseCursor();
 
     Bytes fetched;
+    std::shared_ptr<const GzipPrefix> prefix;
     if (known && pending->second.plain.use_count() > 1) {
       // A background job still reads these bytes: append to a copy.
       pending->second.plain = std::make_shared<Bytes>(*pending->second.plain);
     }
     Bytes& plain = known ? *pending->second.plain : fetched;
-    if (!known) {
-      const bool read =
-          m.data != 0 ? Unpack(data, compressed, plain) : ReadComposite(statements_, d_, id, plain);
-      if (!read) return false;
-    }
+    if (!known && !Fetch(id, chunks, data, compressed, plain, prefix)) return false;
     const std::size_t before = plain.size();
     if (before + length > kMaxCompositeBytes) return false;
     plain.insert(plain.end(), chunk, chunk + length);
@@ -396,9 +481,11 @@ class FileWriter {
         pendingBytes_ += before;
         pending = pending_.emplace(id, Pending{}).first;
         pending->second.plain = std::make_shared<Bytes>(std::move(fetched));
+        pending->second.prefix = std::move(prefix);
       }
       Pending& entry = pending->second;
       ++entry.generation;
+      entry.chunks = chunks + 1;
       entry.bucket = BucketOf(composite);
       entry.submitted = false;
     } else {
@@ -438,6 +525,7 @@ class FileWriter {
       Pending& entry = pending_[id];
       entry.plain = std::move(plain);
       entry.generation = 1;
+      entry.chunks = 1;
       entry.bucket = BucketOf(fingerprint);
     }
     return InsertChunk(fileId, 1, id, 1, length, fingerprint) && WritePendingIfLarge();
@@ -470,7 +558,7 @@ class FileWriter {
     };
     const auto consider = [&](std::int32_t id, Pending& entry) {
       if (entry.submitted || reachable(entry.bucket)) return;
-      entry.submitted = compressor_.Submit(id, entry.generation, entry.plain);
+      entry.submitted = compressor_.Submit(id, entry.generation, entry.plain, entry.prefix);
     };
     if (bucketDone) {
       for (auto& [id, entry] : pending_) consider(id, entry);
@@ -489,7 +577,8 @@ class FileWriter {
     if (pending_.empty()) return true;
     std::map<std::int32_t, BackgroundCompressor::Result> done = compressor_.Drain();
     std::vector<const Bytes*> plains;
-    std::vector<const StoredForm*> chosen(pending_.size(), nullptr);
+    std::vector<const GzipPrefix*> prefixes;
+    std::vector<StoredForm*> chosen(pending_.size(), nullptr);
     std::size_t i = 0;
     for (const auto& [id, entry] : pending_) {
       auto result = done.find(id);
@@ -498,22 +587,36 @@ class FileWriter {
         chosen[i] = &result->second.form;
       } else {
         plains.push_back(entry.plain.get());
+        prefixes.push_back(entry.prefix.get());
       }
       ++i;
     }
     std::vector<StoredForm> forms(plains.size());
-    if (!MakeStoredForms(plains, forms)) return false;
+    if (!MakeStoredForms(plains, prefixes, cache_ != nullptr, forms)) return false;
     OdbcStatement* update = statements_.Get(d_.updateCompositeData);
     if (update == nullptr) return false;
     std::size_t fresh = 0;
     i = 0;
     for (const auto& [id, entry] : pending_) {
-      const StoredForm& form = chosen[i] != nullptr ? *chosen[i] : forms[fresh++];
+      StoredForm& form = chosen[i] != nullptr ? *chosen[i] : forms[fresh++];
       ++i;
       update->SetBinary(1, form.bytes(), form.count(), d_.longBinary);
       update->SetBit(2, form.compressed());
       update->SetInt32(3, id);
+      if (cache_ != nullptr) written_[id] = nullptr;  // touched, whatever happens next
       if (!update->Execute()) return false;
+      if (cache_ != nullptr) {
+        std::unique_ptr<GzipPrefix> kept = form.TakePrefix();
+        if (kept != nullptr) {
+          auto known = std::make_shared<CompositeCache::Entry>();
+          known->plain = entry.plain;
+          known->stored.assign(form.bytes(), form.bytes() + form.count());
+          known->compressed = form.compressed();
+          known->chunks = entry.chunks;
+          known->prefix = std::move(kept);
+          written_[id] = std::move(known);
+        }
+      }
     }
     pending_.clear();
     pendingBytes_ = 0;
@@ -528,6 +631,11 @@ class FileWriter {
   std::size_t pendingBytes_ = 0;
   // Chunks of the file not yet stored, by bucket.
   std::unordered_map<int, int> remaining_;
+  CompositeCache* const cache_;  // null unless deferring with a cache
+  // Composites whose data this transaction wrote, with what the cache may
+  // keep of them after the commit (null: nothing).
+  std::map<std::int32_t, std::shared_ptr<const CompositeCache::Entry>> written_;
+  bool published_ = false;
   // Declared last: its threads stop before the composites they read go.
   BackgroundCompressor compressor_;
 };
@@ -537,6 +645,47 @@ void Report(std::string* error, const std::string& what) {
 }
 
 }  // namespace
+
+std::size_t CompositeCache::Entry::Footprint() const {
+  return sizeof(Entry) + stored.capacity() + (plain != nullptr ? plain->capacity() : 0) +
+         (prefix != nullptr ? prefix->Footprint() : 0);
+}
+
+std::shared_ptr<const CompositeCache::Entry> CompositeCache::Find(std::int32_t compositeId) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto found = slots_.find(compositeId);
+  if (found == slots_.end()) return nullptr;
+  uses_.splice(uses_.begin(), uses_, found->second.use);
+  return found->second.entry;
+}
+
+void CompositeCache::Put(std::int32_t compositeId, std::shared_ptr<const Entry> entry) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  ForgetLocked(compositeId);
+  if (entry == nullptr || entry->Footprint() > maxBytes_) return;
+  bytes_ += entry->Footprint();
+  uses_.push_front(compositeId);
+  slots_[compositeId] = Slot{std::move(entry), uses_.begin()};
+  while (bytes_ > maxBytes_) ForgetLocked(uses_.back());
+}
+
+void CompositeCache::Forget(std::int32_t compositeId) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  ForgetLocked(compositeId);
+}
+
+std::size_t CompositeCache::size() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return slots_.size();
+}
+
+void CompositeCache::ForgetLocked(std::int32_t compositeId) {
+  auto found = slots_.find(compositeId);
+  if (found == slots_.end()) return;
+  bytes_ -= found->second.entry->Footprint();
+  uses_.erase(found->second.use);
+  slots_.erase(found);
+}
 
 std::int32_t StoreFile(const std::string& connection, const unsigned char* bytes,
                        std::int32_t count, const StoreOptions& options, std::string* error) {
@@ -556,6 +705,7 @@ std::int32_t StoreFile(const std::string& connection, const unsigned char* bytes
     {
       FileWriter writer(db, d, options);
       stored = EnsureTables(db, d) && writer.Run(bytes, count, fileId) && db.Commit();
+      writer.Publish(stored);
     }
     if (stored) return fileId;
     Report(error, db.LastError().empty() ? "the composite data is corrupt" : db.LastError());

@@ -266,6 +266,51 @@ TEST_P(FileStore, DeferredCompressionCommitsTheSameRowsAndBytes) {
   EXPECT_EQ(ChunkRows(spilling->Connection()), ChunkRows(connection_));
 }
 
+TEST_P(FileStore, ContinuedCompressionCommitsTheSameRowsAndBytes) {
+  // Files stored with a cache that outlives the calls, interleaved with a
+  // writer that has none (its updates must not be continued from stale
+  // state) and with a file that fails and rolls back, against the same
+  // sequence stored with compression after every append.
+  const std::string gpl3 = RealFile("/usr/share/common-licenses/GPL-3");
+  const std::vector<std::string> files = {gpl3,
+                                          RealFile("/usr/share/common-licenses/GFDL-1.3"),
+                                          gpl3.substr(0, 6 * 4096 + 100),
+                                          gpl3.substr(3 * 4096) + gpl3,
+                                          gpl3.substr(0, 2 * 4096 + 1234),  // refused
+                                          RandomBytes(11, 5 * 4096),
+                                          RealFile("/usr/share/common-licenses/GPL-2"),
+                                          gpl3,
+                                          RealFile("/usr/share/common-licenses/LGPL-2.1"),
+                                          gpl3.substr(17)};
+  std::unique_ptr<StoreDatabase> eager = GetParam().make();
+  StoreOptions everyAppend;
+  everyAppend.deferCompression = false;
+  zelvarpack::store::CompositeCache cache;
+  StoreOptions cached;
+  cached.cache = &cache;
+  const StoreOptions uncached;
+  std::int32_t last = -1;
+  for (std::size_t i = 0; i < files.size(); ++i) {
+    if (i == 4) {  // the tables exist now
+      ASSERT_EQ(ExecuteSql(eager->Connection(), GetParam().refuseChunksOf1234), "");
+      Sql(GetParam().refuseChunksOf1234);
+    }
+    const auto* data = reinterpret_cast<const unsigned char*>(files[i].data());
+    const auto size = static_cast<std::int32_t>(files[i].size());
+    std::string error;
+    const std::int32_t expected = StoreFile(eager->Connection(), data, size, everyAppend, &error);
+    last = StoreFile(connection_, data, size, i % 3 == 2 ? uncached : cached, &error);
+    EXPECT_EQ(last, expected) << i << ": " << error;
+    EXPECT_EQ(expected < 0, i == 4);
+  }
+  EXPECT_GT(cache.size(), 0u);
+  const std::vector<CompositeRow> composites = CompositeRows(connection_);
+  ASSERT_LT(composites.size(), ChunkRows(connection_).size());  // some were shared
+  EXPECT_TRUE(CompositeRows(eager->Connection()) == composites);
+  EXPECT_EQ(ChunkRows(eager->Connection()), ChunkRows(connection_));
+  EXPECT_EQ(Read(last), files.back());
+}
+
 INSTANTIATE_TEST_SUITE_P(Engines, FileStore, ::testing::Values(kSqlite, kPostgres),
                          [](const ::testing::TestParamInfo<EngineCase>& info) {
                            return std::string(info.param.name);

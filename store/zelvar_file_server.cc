@@ -6,9 +6,11 @@
 
 namespace {
 
-// What a handle owns: the connection string, NUL-terminated.
+// What a handle owns: the connection string, NUL-terminated, and what it
+// remembers of the composites its calls committed (see CompositeCache).
 struct FileServerHandle {
   std::string connection;
+  zelvarpack::store::CompositeCache cache;
 };
 
 }  // namespace
@@ -25,8 +27,10 @@ void* CZelvarFileServer::Create(unsigned char* connectionString, std::int32_t le
 std::int32_t CZelvarFileServer::AddFile(void* handle, unsigned char* bytes, std::int32_t length) {
   if (handle == nullptr) return -1;
   try {
-    return zelvarpack::store::StoreFile(static_cast<FileServerHandle*>(handle)->connection, bytes,
-                                        length);
+    auto* server = static_cast<FileServerHandle*>(handle);
+    zelvarpack::store::StoreOptions options;
+    options.cache = &server->cache;
+    return zelvarpack::store::StoreFile(server->connection, bytes, length, options);
   } catch (...) {
     return -1;
   }

@@ -101,13 +101,16 @@ int RunStoreAdd(Arguments& args) {
   ProgressBar progress(options.operands.size(), total);
   int status = 0;
   std::uint64_t done = 0;
+  store::CompositeCache cache;
+  store::StoreOptions storeOptions;
+  storeOptions.cache = &cache;
   for (std::size_t i = 0; i < options.operands.size(); ++i) {
     const std::string& path = options.operands[i];
     const std::string bytes = zelvarpack::cli::ReadInput(path);
     std::string error;
     const std::int32_t id =
         store::StoreFile(options.connection, reinterpret_cast<const unsigned char*>(bytes.data()),
-                         static_cast<std::int32_t>(bytes.size()), {}, &error);
+                         static_cast<std::int32_t>(bytes.size()), storeOptions, &error);
     if (id < 0) {
       std::fprintf(stderr, "\r\033[Kzelvarpack store: %s not stored: %s\n", path.c_str(),
                    error.c_str());

@@ -1,0 +1,107 @@
+#include "store/gzip_prefix.h"
+
+#include <zlib.h>
+
+#include <algorithm>
+
+namespace zelvarpack::store {
+
+namespace {
+
+// net::Compress's settings and piece size; the continuation must match them.
+constexpr std::size_t kPiece = 16384;
+constexpr int kLevel = 9;
+constexpr int kMemoryLevel = 9;
+constexpr int kGzipWindowBits = 31;
+
+// One piece of input with net::Compress's output loop; false on an error.
+bool Feed(z_stream& stream, const unsigned char* bytes, std::size_t count, int flush,
+          std::vector<unsigned char>& out) {
+  unsigned char area[kPiece];
+  stream.next_in = const_cast<unsigned char*>(bytes);
+  stream.avail_in = static_cast<uInt>(count);
+  do {
+    stream.next_out = area;
+    stream.avail_out = kPiece;
+    const int status = deflate(&stream, flush);
+    if (status != Z_OK && status != Z_STREAM_END && status != Z_BUF_ERROR) return false;
+    out.insert(out.end(), area, area + (kPiece - stream.avail_out));
+  } while (stream.avail_out == 0);
+  return stream.avail_in == 0;
+}
+
+}  // namespace
+
+struct GzipPrefix::Stream {
+  z_stream z{};
+  bool live = false;
+  ~Stream() {
+    if (live) deflateEnd(&z);
+  }
+};
+
+GzipPrefix::GzipPrefix() : stream_(std::make_unique<Stream>()) {}
+GzipPrefix::~GzipPrefix() = default;
+
+std::unique_ptr<GzipPrefix> GzipPrefix::Start() {
+  std::unique_ptr<GzipPrefix> prefix(new GzipPrefix);
+  if (deflateInit2(&prefix->stream_->z, kLevel, Z_DEFLATED, kGzipWindowBits, kMemoryLevel,
+                   Z_DEFAULT_STRATEGY) != Z_OK) {
+    return nullptr;
+  }
+  prefix->stream_->live = true;
+  return prefix;
+}
+
+std::size_t GzipPrefix::Footprint() const {
+  // Window, hash chains and heads, pending buffer (level 9, memory level 9).
+  return (std::size_t{1} << 16) * 2 + (std::size_t{1} << 17) + (std::size_t{1} << 17) +
+         output_.capacity() + sizeof(*this);
+}
+
+bool GzipPrefix::Finish(const unsigned char* bytes, std::size_t count,
+                        std::vector<unsigned char>& gzip, std::unique_ptr<GzipPrefix>* next) const {
+  if (count <= consumed_) return false;
+  // The piece net::Compress would give Z_FINISH starts here.
+  const std::size_t lastStart = (count - 1) / kPiece * kPiece;
+  std::unique_ptr<GzipPrefix> work(new GzipPrefix);
+  if (deflateCopy(&work->stream_->z, &stream_->z) != Z_OK) return false;
+  work->stream_->live = true;
+  work->output_ = output_;
+  work->consumed_ = consumed_;
+  for (; work->consumed_ < lastStart; work->consumed_ += kPiece) {
+    if (!Feed(work->stream_->z, bytes + work->consumed_, kPiece, Z_NO_FLUSH, work->output_)) {
+      return false;
+    }
+  }
+  if (next != nullptr) {
+    std::unique_ptr<GzipPrefix> kept(new GzipPrefix);
+    if (deflateCopy(&kept->stream_->z, &work->stream_->z) != Z_OK) return false;
+    kept->stream_->live = true;
+    kept->output_ = work->output_;
+    kept->consumed_ = work->consumed_;
+    if (count - lastStart == kPiece) {
+      if (!Feed(kept->stream_->z, bytes + lastStart, kPiece, Z_NO_FLUSH, kept->output_)) {
+        return false;
+      }
+      kept->consumed_ = count;
+    }
+    *next = std::move(kept);
+  }
+  gzip = std::move(work->output_);
+  unsigned char area[kPiece];
+  z_stream& z = work->stream_->z;
+  z.next_in = const_cast<unsigned char*>(bytes + lastStart);
+  z.avail_in = static_cast<uInt>(count - lastStart);
+  int status;
+  do {
+    z.next_out = area;
+    z.avail_out = kPiece;
+    status = deflate(&z, Z_FINISH);
+    if (status != Z_OK && status != Z_STREAM_END && status != Z_BUF_ERROR) return false;
+    gzip.insert(gzip.end(), area, area + (kPiece - z.avail_out));
+  } while (z.avail_out == 0);
+  return status == Z_STREAM_END;
+}
+
+}  // namespace zelvarpack::store

@@ -1,0 +1,49 @@
+// Gzip of a growing byte string without starting over: a deflate stream
+// that has consumed a prefix of the bytes (never finished) is copied and
+// continued with the rest. The continuation makes exactly the calls that
+// net::Compress makes for the whole string (the same 16384-byte input
+// pieces, the same output area per call), so its output is the same, byte
+// for byte.
+#ifndef ZELVARPACK_STORE_GZIP_PREFIX_H_
+#define ZELVARPACK_STORE_GZIP_PREFIX_H_
+
+#include <cstddef>
+#include <memory>
+#include <vector>
+
+namespace zelvarpack::store {
+
+class GzipPrefix {
+ public:
+  GzipPrefix(const GzipPrefix&) = delete;
+  GzipPrefix& operator=(const GzipPrefix&) = delete;
+  ~GzipPrefix();
+
+  // The stream before any input; null when zlib cannot start one.
+  static std::unique_ptr<GzipPrefix> Start();
+
+  // How many leading bytes the stream has consumed (a multiple of 16384).
+  std::size_t consumed() const { return consumed_; }
+
+  // The gzip form of `bytes` (which must begin with the bytes this stream
+  // consumed and be longer than them) into `gzip`, and in `next` a stream
+  // that has consumed as many leading bytes of `bytes` as can be consumed
+  // for any longer string. This stream is left unchanged, so several
+  // threads may continue it at once. False when zlib fails.
+  bool Finish(const unsigned char* bytes, std::size_t count, std::vector<unsigned char>& gzip,
+              std::unique_ptr<GzipPrefix>* next) const;
+
+  // An estimate of the memory one stream holds.
+  std::size_t Footprint() const;
+
+ private:
+  GzipPrefix();
+  struct Stream;
+  std::unique_ptr<Stream> stream_;
+  std::vector<unsigned char> output_;  // what the stream emitted so far
+  std::size_t consumed_ = 0;
+};
+
+}  // namespace zelvarpack::store
+
+#endif  // ZELVARPACK_STORE_GZIP_PREFIX_H_

@@ -1,0 +1,124 @@
+#include "store/gzip_prefix.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "net/zlib_codec.h"
+
+namespace {
+
+using zelvarpack::store::GzipPrefix;
+using Bytes = std::vector<unsigned char>;
+
+Bytes Whole(const Bytes& bytes) {
+  std::unique_ptr<CZelvarBuffer> out =
+      zelvarpack::net::Compress(bytes.data(), bytes.size(), zelvarpack::net::ZlibFormat::kGzip);
+  return Bytes(out->GetValue(), out->GetValue() + out->GetValueLength());
+}
+
+// Text-like bytes with long repeats (so matches cross every boundary),
+// mixed with runs of noise.
+Bytes Mixed(unsigned seed, std::size_t count) {
+  std::mt19937 generator(seed);
+  const std::string words[] = {
+      "<div class=\"section\">", "the ", "composite ", "</p>\n", "deflate ", "window ",
+      "<a href=\"#x\">",         "\t\t"};
+  Bytes bytes;
+  while (bytes.size() < count) {
+    if (generator() % 5 == 0) {
+      for (unsigned n = generator() % 300; n > 0; --n) {
+        bytes.push_back(static_cast<unsigned char>(generator()));
+      }
+    } else if (generator() % 3 == 0 && bytes.size() > 40000) {
+      const std::size_t from = generator() % (bytes.size() - 1000);
+      const std::size_t length = 100 + generator() % 900;
+      for (std::size_t i = 0; i < length; ++i) bytes.push_back(bytes[from + i]);
+    } else {
+      const std::string& w = words[generator() % std::size(words)];
+      bytes.insert(bytes.end(), w.begin(), w.end());
+    }
+  }
+  bytes.resize(count);
+  return bytes;
+}
+
+// Grows `all` by the given cut points, continuing the stream each time, and
+// checks every intermediate gzip form against compressing from scratch.
+void GrowAndCompare(const Bytes& all, const std::vector<std::size_t>& ends) {
+  std::unique_ptr<GzipPrefix> prefix = GzipPrefix::Start();
+  ASSERT_NE(prefix, nullptr);
+  for (std::size_t end : ends) {
+    const Bytes part(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(end));
+    Bytes gzip;
+    std::unique_ptr<GzipPrefix> next;
+    ASSERT_TRUE(prefix->Finish(part.data(), part.size(), gzip, &next)) << end;
+    ASSERT_EQ(gzip, Whole(part)) << "after " << end << " bytes";
+    ASSERT_LE(next->consumed(), end);
+    ASSERT_EQ(next->consumed() % 16384, 0u);
+    // Finishing again from the same stream gives the same answer.
+    Bytes again;
+    ASSERT_TRUE(prefix->Finish(part.data(), part.size(), again, nullptr));
+    ASSERT_EQ(again, gzip);
+    prefix = std::move(next);
+  }
+}
+
+TEST(GzipPrefix, ChunkAppendsGiveTheSameBytesAsCompressingTheWhole) {
+  const Bytes all = Mixed(1, 25 * 4096);
+  std::vector<std::size_t> ends;
+  for (std::size_t end = 4096; end <= all.size(); end += 4096) ends.push_back(end);
+  GrowAndCompare(all, ends);
+}
+
+TEST(GzipPrefix, RandomCutPointsIncludingPieceBoundaries) {
+  for (unsigned seed = 2; seed < 8; ++seed) {
+    const Bytes all = Mixed(seed, 100000 + seed * 37);
+    std::mt19937 generator(seed);
+    std::vector<std::size_t> ends;
+    for (std::size_t end = 1 + generator() % 5000; end < all.size();
+         end += 1 + generator() % 9000) {
+      ends.push_back(end);
+    }
+    // Exact piece boundaries and their neighbours.
+    for (std::size_t edge : {16383u, 16384u, 16385u, 32768u, 49152u, 65536u}) ends.push_back(edge);
+    ends.push_back(all.size());
+    std::sort(ends.begin(), ends.end());
+    ends.erase(std::unique(ends.begin(), ends.end()), ends.end());
+    GrowAndCompare(all, ends);
+  }
+}
+
+TEST(GzipPrefix, RealTextAndIncompressibleBytes) {
+  std::ifstream in("/usr/share/common-licenses/GPL-3", std::ios::binary);
+  Bytes text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  ASSERT_GT(text.size(), 30000u);
+  std::mt19937 generator(9);
+  Bytes noise(70000);
+  for (unsigned char& b : noise) b = static_cast<unsigned char>(generator());
+  Bytes all = text;
+  all.insert(all.end(), noise.begin(), noise.end());
+  std::vector<std::size_t> ends;
+  for (std::size_t end = 1; end < all.size(); end += 4096) ends.push_back(end);
+  ends.push_back(all.size());
+  GrowAndCompare(all, ends);
+}
+
+TEST(GzipPrefix, RefusesBytesNoLongerThanWhatItConsumed) {
+  const Bytes all = Mixed(3, 40000);
+  std::unique_ptr<GzipPrefix> prefix = GzipPrefix::Start();
+  Bytes gzip;
+  std::unique_ptr<GzipPrefix> next;
+  ASSERT_TRUE(prefix->Finish(all.data(), all.size(), gzip, &next));
+  EXPECT_EQ(next->consumed(), 32768u);
+  EXPECT_FALSE(next->Finish(all.data(), 32768, gzip, nullptr));
+  EXPECT_FALSE(prefix->Finish(all.data(), 0, gzip, nullptr));
+}
+
+}  // namespace
