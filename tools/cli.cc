@@ -3,6 +3,9 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
+
+#include "zelvarpack/zelvar_buffer.h"
 
 namespace zelvarpack::cli {
 
@@ -60,5 +63,47 @@ void AppendJsonString(std::string& out, const std::string& bytes) {
 }
 
 void Fail(const std::string& message) { throw UsageError(message); }
+
+void WriteOutput(const std::string& path, const unsigned char* bytes, std::int32_t count) {
+  FILE* out = path.empty() ? stdout : std::fopen(path.c_str(), "wb");
+  if (out == nullptr) Fail("cannot open " + path + ": " + std::strerror(errno));
+  const std::size_t size = static_cast<std::size_t>(count);
+  bool ok = std::fwrite(bytes, 1, size, out) == size;
+  ok = (path.empty() ? std::fflush(out) : std::fclose(out)) == 0 && ok;
+  if (!ok) throw std::runtime_error("cannot write " + (path.empty() ? "standard output" : path));
+}
+
+StoredGetArguments ParseStoredGet(Arguments& args) {
+  StoredGetArguments parsed;
+  bool haveId = false;
+  while (!args.Done()) {
+    const std::string arg = args.Take();
+    if (arg == "--cache") {
+      parsed.cache = args.TakeValue(arg);
+    } else if (arg == "--gzip") {
+      parsed.acceptGzip = true;
+    } else if (Arguments::IsOption(arg)) {
+      Fail("unknown option " + arg);
+    } else if (haveId) {
+      Fail("only one ID may be given");
+    } else {
+      parsed.id = arg;
+      haveId = true;
+    }
+  }
+  if (!haveId) Fail("expected an ID");
+  return parsed;
+}
+
+int ReportStored(const char* command, const std::string& id, CZelvarBuffer* bytes, bool wasGzip) {
+  const std::unique_ptr<CZelvarBuffer> owned(bytes);
+  if (!owned) {
+    std::fprintf(stderr, "zelvarpack %s: nothing is stored under %s\n", command, id.c_str());
+    return 1;
+  }
+  WriteOutput("", owned->GetValue(), owned->GetValueLength());
+  std::fprintf(stderr, "{\"gzip\": %s}\n", wasGzip ? "true" : "false");
+  return 0;
+}
 
 }  // namespace zelvarpack::cli

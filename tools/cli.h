@@ -4,9 +4,12 @@
 #define ZELVARPACK_TOOLS_CLI_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+class CZelvarBuffer;
 
 namespace zelvarpack::cli {
 
@@ -43,6 +46,23 @@ void AppendJsonString(std::string& out, const unsigned char* bytes, std::size_t 
 void AppendJsonString(std::string& out, const std::string& bytes);
 
 [[noreturn]] void Fail(const std::string& message);
+
+// Writes `bytes` to FILE, or to standard output when `path` is empty; throws
+// std::runtime_error when the bytes cannot be written.
+void WriteOutput(const std::string& path, const unsigned char* bytes, std::int32_t count);
+
+// The arguments of the "get" subcommands of the stores: [--cache DIR]
+// [--gzip] ID.
+struct StoredGetArguments {
+  std::string cache = ".";
+  std::string id;
+  bool acceptGzip = false;
+};
+StoredGetArguments ParseStoredGet(Arguments& args);
+
+// Finishes a "get": writes the bytes found (taking ownership) and reports the
+// gzip choice on standard error, or says that nothing is stored (status 1).
+int ReportStored(const char* command, const std::string& id, CZelvarBuffer* bytes, bool wasGzip);
 
 }  // namespace zelvarpack::cli
 

@@ -12,6 +12,7 @@
 using zelvarpack::cli::AppendJsonString;
 using zelvarpack::cli::Arguments;
 using zelvarpack::cli::Fail;
+using zelvarpack::cli::StoredGetArguments;
 
 namespace {
 
@@ -133,11 +134,6 @@ void Minify(CZelvarCssServer& server, const SheetArguments& sheets) {
   server.DoWork();
 }
 
-bool WriteAll(const unsigned char* bytes, std::int32_t count) {
-  const auto size = static_cast<std::size_t>(count);
-  return std::fwrite(bytes, 1, size, stdout) == size && std::fflush(stdout) == 0;
-}
-
 int RunCssStore(Arguments& args) {
   const SheetArguments sheets = ParseSheets(args, true);
   std::string cache = sheets.cache;
@@ -148,36 +144,11 @@ int RunCssStore(Arguments& args) {
 }
 
 int RunCssGet(Arguments& args) {
-  std::string cache = ".";
-  std::string id;
-  bool acceptGzip = false;
-  bool haveId = false;
-  while (!args.Done()) {
-    const std::string arg = args.Take();
-    if (arg == "--cache") {
-      cache = args.TakeValue(arg);
-    } else if (arg == "--gzip") {
-      acceptGzip = true;
-    } else if (Arguments::IsOption(arg)) {
-      Fail("unknown option " + arg);
-    } else if (haveId) {
-      Fail("only one ID may be given");
-    } else {
-      id = arg;
-      haveId = true;
-    }
-  }
-  if (!haveId) Fail("expected an ID");
-  CZelvarCssServer server(cache.data());
-  bool gzip = acceptGzip;
-  std::unique_ptr<CZelvarBuffer> bytes(server.GetMinifiedId(id, gzip));
-  if (!bytes) {
-    std::fprintf(stderr, "zelvarpack css get: nothing is stored under %s\n", id.c_str());
-    return 1;
-  }
-  if (!WriteAll(bytes->GetValue(), bytes->GetValueLength())) return 1;
-  std::fprintf(stderr, "{\"gzip\": %s}\n", server.GetWasGzip() ? "true" : "false");
-  return 0;
+  StoredGetArguments get = zelvarpack::cli::ParseStoredGet(args);
+  CZelvarCssServer server(get.cache.data());
+  bool gzip = get.acceptGzip;
+  CZelvarBuffer* bytes = server.GetMinifiedId(get.id, gzip);
+  return zelvarpack::cli::ReportStored("css get", get.id, bytes, server.GetWasGzip());
 }
 
 }  // namespace
@@ -198,7 +169,8 @@ int RunMinifyCss(Arguments& args) {
   CZelvarCssServer server(noCache);
   Minify(server, sheets);
   CZelvarBuffer* output = server.GetOutput();
-  return WriteAll(output->GetValue(), output->GetValueLength()) ? 0 : 1;
+  zelvarpack::cli::WriteOutput("", output->GetValue(), output->GetValueLength());
+  return 0;
 }
 
 int RunCss(Arguments& args) {

@@ -13,6 +13,7 @@
 
 using zelvarpack::cli::Arguments;
 using zelvarpack::cli::Fail;
+using zelvarpack::cli::StoredGetArguments;
 
 namespace {
 
@@ -26,16 +27,6 @@ std::int32_t ParseSeconds(const std::string& text) {
     Fail("'" + text + "' is not a number of seconds from 0 to 2147483");
   }
   return static_cast<std::int32_t>(value);
-}
-
-// Writes `bytes` to FILE, or to standard output when `path` is empty.
-void WriteOutput(const std::string& path, const unsigned char* bytes, std::int32_t count) {
-  FILE* out = path.empty() ? stdout : std::fopen(path.c_str(), "wb");
-  if (out == nullptr) Fail("cannot open " + path + ": " + std::strerror(errno));
-  const std::size_t size = static_cast<std::size_t>(count);
-  bool ok = std::fwrite(bytes, 1, size, out) == size;
-  ok = (path.empty() ? std::fflush(out) : std::fclose(out)) == 0 && ok;
-  if (!ok) throw std::runtime_error("cannot write " + (path.empty() ? "standard output" : path));
 }
 
 struct BufferDeleter {
@@ -67,36 +58,11 @@ int RunJsStore(Arguments& args) {
 }
 
 int RunJsGet(Arguments& args) {
-  std::string cache = ".";
-  std::string id;
-  bool acceptGzip = false;
-  bool haveId = false;
-  while (!args.Done()) {
-    const std::string arg = args.Take();
-    if (arg == "--cache") {
-      cache = args.TakeValue(arg);
-    } else if (arg == "--gzip") {
-      acceptGzip = true;
-    } else if (Arguments::IsOption(arg)) {
-      Fail("unknown option " + arg);
-    } else if (haveId) {
-      Fail("only one ID may be given");
-    } else {
-      id = arg;
-      haveId = true;
-    }
-  }
-  if (!haveId) Fail("expected an ID");
-  CZelvarJSServer server(cache.data());
-  bool wasGzip = acceptGzip;
-  Buffer bytes(server.GetRawId(id, wasGzip));
-  if (!bytes) {
-    std::fprintf(stderr, "zelvarpack js get: nothing is stored under %s\n", id.c_str());
-    return 1;
-  }
-  WriteOutput("", bytes->GetValue(), bytes->GetValueLength());
-  std::fprintf(stderr, "{\"gzip\": %s}\n", server.GetWasGzip() ? "true" : "false");
-  return 0;
+  StoredGetArguments get = zelvarpack::cli::ParseStoredGet(args);
+  CZelvarJSServer server(get.cache.data());
+  bool wasGzip = get.acceptGzip;
+  CZelvarBuffer* bytes = server.GetRawId(get.id, wasGzip);
+  return zelvarpack::cli::ReportStored("js get", get.id, bytes, server.GetWasGzip());
 }
 
 }  // namespace
@@ -141,7 +107,7 @@ int RunFetch(Arguments& args) {
       haveUserAgent ? userAgent.c_str() : nullptr, reinterpret_cast<unsigned char*>(url.data()),
       reinterpret_cast<unsigned char*>(url.data()), sent, received, uncompressed, cacheable,
       timeout));
-  WriteOutput(output, body->GetValue(), body->GetValueLength());
+  zelvarpack::cli::WriteOutput(output, body->GetValue(), body->GetValueLength());
   std::fprintf(stderr,
                "{\"bytesSent\": %d, \"bytesReceived\": %d, \"bytesUncompressed\": %d, "
                "\"cacheable\": %s}\n",
