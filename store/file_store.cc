@@ -16,6 +16,7 @@
 #include "net/zlib_codec.h"
 #include "store/chunk_fingerprint.h"
 #include "store/odbc_connection.h"
+#include "store/session_pool.h"
 #include "store/sql_dialect.h"
 
 namespace zelvarpack::store {
@@ -27,26 +28,6 @@ constexpr std::size_t kMaxCompositeBytes = kMaxChunksPerComposite * kChunkBytes;
 
 using Bytes = std::vector<unsigned char>;
 
-// Statements prepared once per connection, keyed by their (static) text.
-class Statements {
- public:
-  explicit Statements(OdbcConnection& db) : db_(db) {}
-
-  OdbcStatement* Get(const char* sql) {
-    std::unique_ptr<OdbcStatement>& slot = prepared_[sql];
-    if (slot == nullptr) {
-      std::unique_ptr<OdbcStatement> statement = db_.NewStatement();
-      if (statement == nullptr || !statement->Prepare(sql)) return nullptr;
-      slot = std::move(statement);
-    }
-    return slot.get();
-  }
-
- private:
-  OdbcConnection& db_;
-  std::map<const char*, std::unique_ptr<OdbcStatement>> prepared_;
-};
-
 // A composite's stored form: its gzip form when strictly shorter than the
 // bytes themselves, else the bytes.
 class StoredForm {
@@ -55,24 +36,17 @@ class StoredForm {
   // prefix of `plain`) the gzip form continues it; with `keepPrefix` the
   // form also keeps a stream over `plain` for a later append.
   bool Make(const Bytes& plain, const GzipPrefix* prefix = nullptr, bool keepPrefix = false) {
-    std::size_t gzipSize = 0;
-    const unsigned char* gzipBytes = nullptr;
     std::unique_ptr<GzipPrefix> fresh;
     if (prefix == nullptr && keepPrefix) prefix = (fresh = GzipPrefix::Start()).get();
-    if (prefix != nullptr &&
-        prefix->Finish(plain.data(), plain.size(), continued_, keepPrefix ? &next_ : nullptr)) {
-      gzipSize = continued_.size();
-      gzipBytes = continued_.data();
-    } else {
+    if (prefix == nullptr ||
+        !prefix->Finish(plain.data(), plain.size(), gzip_, keepPrefix ? &next_ : nullptr)) {
       next_.reset();
-      gzip_ = net::Compress(plain.data(), plain.size(), net::ZlibFormat::kGzip);
-      gzipSize = static_cast<std::size_t>(gzip_->GetValueLength());
-      gzipBytes = gzip_->GetValue();
+      if (!GzipOf(plain.data(), plain.size(), gzip_)) return false;
     }
-    if (gzipSize == 0) return false;  // a gzip member is never empty
-    compressed_ = gzipSize < plain.size();
-    bytes_ = compressed_ ? gzipBytes : plain.data();
-    count_ = compressed_ ? gzipSize : plain.size();
+    if (gzip_.empty()) return false;  // a gzip member is never empty
+    compressed_ = gzip_.size() < plain.size();
+    bytes_ = compressed_ ? gzip_.data() : plain.data();
+    count_ = compressed_ ? gzip_.size() : plain.size();
     return true;
   }
   const unsigned char* bytes() const { return bytes_; }
@@ -82,8 +56,7 @@ class StoredForm {
   std::unique_ptr<GzipPrefix> TakePrefix() { return std::move(next_); }
 
  private:
-  std::unique_ptr<CZelvarBuffer> gzip_;
-  Bytes continued_;
+  Bytes gzip_;
   std::unique_ptr<GzipPrefix> next_;
   const unsigned char* bytes_ = nullptr;
   std::size_t count_ = 0;
@@ -144,9 +117,9 @@ bool ReadOneInt32(OdbcStatement* statement, std::int32_t& value) {
 }
 
 // Reads a composite's flag and data by id.
-bool ReadCompositeData(Statements& statements, const Dialect& d, std::int32_t id, Bytes& data,
+bool ReadCompositeData(Session& statements, const Dialect& d, std::int32_t id, Bytes& data,
                        bool& compressed) {
-  OdbcStatement* read = statements.Get(d.compositeData);
+  OdbcStatement* read = statements.Prepared(d.compositeData);
   if (read == nullptr) return false;
   read->SetInt32(1, id);
   const bool ok = read->Execute() && read->Fetch() == OdbcStatement::Row::kRow &&
@@ -156,7 +129,7 @@ bool ReadCompositeData(Statements& statements, const Dialect& d, std::int32_t id
 }
 
 // Reads a composite's uncompressed bytes by id.
-bool ReadComposite(Statements& statements, const Dialect& d, std::int32_t id, Bytes& plain) {
+bool ReadComposite(Session& statements, const Dialect& d, std::int32_t id, Bytes& plain) {
   bool compressed = false;
   Bytes data;
   return ReadCompositeData(statements, d, id, data, compressed) && Unpack(data, compressed, plain);
@@ -316,11 +289,11 @@ int BucketOf(double fingerprint) { return static_cast<int>(fingerprint * 100.0);
 // again.
 class FileWriter {
  public:
-  FileWriter(OdbcConnection& db, const Dialect& d, const StoreOptions& options)
-      : db_(db),
+  FileWriter(Session& session, const Dialect& d, const StoreOptions& options)
+      : db_(session.db()),
         d_(d),
         options_(options),
-        statements_(db),
+        session_(session),
         cache_(options.deferCompression ? options.cache : nullptr),
         compressor_(cache_ != nullptr) {}
   FileWriter(const FileWriter&) = delete;
@@ -346,7 +319,7 @@ class FileWriter {
 
   bool Run(const unsigned char* bytes, std::int32_t count, std::int32_t& fileId) {
     if (d_.lockForWrite != nullptr && !db_.ExecuteDirect(d_.lockForWrite)) return false;
-    OdbcStatement* insert = statements_.Get(d_.insertFile);
+    OdbcStatement* insert = session_.Prepared(d_.insertFile);
     if (insert == nullptr) return false;
     insert->SetInt32(1, count);
     if (!insert->Execute() || !ReadIdentity(insert, fileId)) return false;
@@ -392,13 +365,13 @@ class FileWriter {
   // The uncompressed bytes of a composite this transaction has not touched
   // yet, from its stored data; reuses what the cache knows when that data
   // is exactly what it remembers.
-  bool Fetch(std::int32_t id, std::int32_t chunks, Bytes& data, bool compressed, Bytes& plain,
-             std::shared_ptr<const GzipPrefix>& prefix) {
+  // `haveData`: `data` and `compressed` came with the search's row.
+  bool Fetch(std::int32_t id, std::int32_t chunks, Bytes& data, bool compressed, bool haveData,
+             Bytes& plain, std::shared_ptr<const GzipPrefix>& prefix) {
     if (cache_ == nullptr) {
-      return d_.match.data != 0 ? Unpack(data, compressed, plain)
-                                : ReadComposite(statements_, d_, id, plain);
+      return haveData ? Unpack(data, compressed, plain) : ReadComposite(session_, d_, id, plain);
     }
-    if (d_.match.data == 0 && !ReadCompositeData(statements_, d_, id, data, compressed)) {
+    if (!haveData && !ReadCompositeData(session_, d_, id, data, compressed)) {
       return false;
     }
     std::shared_ptr<const CompositeCache::Entry> known = Known(id);
@@ -419,7 +392,7 @@ class FileWriter {
         return ReadOneInt32(insert, id);
       case IdentityFrom::kSeparateQuery: {
         insert->CloseCursor();
-        OdbcStatement* last = statements_.Get(d_.lastIdentity);
+        OdbcStatement* last = session_.Prepared(d_.lastIdentity);
         return last != nullptr && last->Execute() && ReadOneInt32(last, id);
       }
     }
@@ -428,7 +401,10 @@ class FileWriter {
 
   bool AddChunk(std::int32_t fileId, const unsigned char* chunk, std::size_t length,
                 double fingerprint, std::int32_t& id) {
-    OdbcStatement* find = statements_.Get(d_.findComposite);
+    if (options_.deferCompression && d_.appendChunk != nullptr) {
+      return AppendChunk(fileId, chunk, length, fingerprint, id);
+    }
+    OdbcStatement* find = session_.Prepared(d_.findComposite);
     if (find == nullptr) return false;
     find->SetDouble(1, fingerprint);
     find->SetDouble(2, fingerprint);
@@ -464,14 +440,14 @@ class FileWriter {
       pending->second.plain = std::make_shared<Bytes>(*pending->second.plain);
     }
     Bytes& plain = known ? *pending->second.plain : fetched;
-    if (!known && !Fetch(id, chunks, data, compressed, plain, prefix)) return false;
+    if (!known && !Fetch(id, chunks, data, compressed, m.data != 0, plain, prefix)) return false;
     const std::size_t before = plain.size();
     if (before + length > kMaxCompositeBytes) return false;
     plain.insert(plain.end(), chunk, chunk + length);
     const double composite = (sum + fingerprint) / (chunks + 1);
 
     if (options_.deferCompression) {
-      OdbcStatement* update = statements_.Get(d_.updateCompositeCounts);
+      OdbcStatement* update = session_.Prepared(d_.updateCompositeCounts);
       if (update == nullptr) return false;
       update->SetDouble(1, composite);
       update->SetInt32(2, id);
@@ -490,7 +466,7 @@ class FileWriter {
       entry.submitted = false;
     } else {
       StoredForm form;
-      OdbcStatement* update = statements_.Get(d_.updateComposite);
+      OdbcStatement* update = session_.Prepared(d_.updateComposite);
       if (update == nullptr || !form.Make(plain)) return false;
       update->SetBinary(1, form.bytes(), form.count(), d_.longBinary);
       update->SetDouble(2, composite);
@@ -503,9 +479,78 @@ class FileWriter {
            WritePendingIfLarge();
   }
 
+  // AddChunk with deferred compression in one statement: the database
+  // searches, counts, inserts the composite or the chunk, and returns the
+  // composite's data only when this transaction does not hold its bytes.
+  bool AppendChunk(std::int32_t fileId, const unsigned char* chunk, std::size_t length,
+                   double fingerprint, std::int32_t& id) {
+    OdbcStatement* append = session_.Prepared(d_.appendChunk);
+    if (append == nullptr) return false;
+    heldIds_.assign(1, '{');
+    for (const auto& [held, entry] : pending_) {
+      if (heldIds_.size() > 1) heldIds_ += ',';
+      heldIds_ += std::to_string(held);
+    }
+    heldIds_ += '}';
+    append->SetDouble(1, fingerprint);
+    append->SetDouble(2, fingerprint);
+    append->SetDouble(3, fingerprint);
+    append->SetBinary(4, chunk, length, d_.longBinary);
+    append->SetDouble(5, fingerprint);
+    append->SetInt32(6, fileId);
+    append->SetInt32(7, static_cast<std::int32_t>(length));
+    append->SetDouble(8, fingerprint);
+    append->SetText(9, heldIds_);
+    if (!append->Execute() || append->Fetch() != OdbcStatement::Row::kRow) return false;
+    using C = AppendColumns;
+    std::int32_t chunksBefore = 0;
+    std::int32_t start = 0;
+    bool compressed = false;
+    double composite = 0;
+    Bytes data;
+    const bool read =
+        append->GetInt32(C::kCompositeId, id) && append->GetInt32(C::kChunksBefore, chunksBefore) &&
+        append->GetBit(C::kIsCompressed, compressed) && append->GetInt32(C::kStart, start) &&
+        append->GetDouble(C::kFftRms, composite) && append->GetBinary(C::kData, data);
+    append->CloseCursor();
+    if (!read) return false;
+
+    auto pending = pending_.find(id);
+    if (pending == pending_.end()) {
+      auto plain = std::make_shared<Bytes>();
+      std::shared_ptr<const GzipPrefix> prefix;
+      // A new composite (no chunks before) starts empty.
+      if (chunksBefore > 0 && !Fetch(id, chunksBefore, data, compressed, true, *plain, prefix)) {
+        return false;
+      }
+      pendingBytes_ += plain->size();
+      pending = pending_.emplace(id, Pending{}).first;
+      pending->second.plain = std::move(plain);
+      pending->second.prefix = std::move(prefix);
+    } else if (pending->second.plain.use_count() > 1) {
+      // A background job still reads these bytes: append to a copy.
+      pending->second.plain = std::make_shared<Bytes>(*pending->second.plain);
+    }
+    Bytes& plain = *pending->second.plain;
+    // The database counted the composite's bytes from its chunk rows; they
+    // must be the bytes this transaction holds.
+    if (static_cast<std::size_t>(start) != plain.size() + 1 ||
+        plain.size() + length > kMaxCompositeBytes) {
+      return false;
+    }
+    plain.insert(plain.end(), chunk, chunk + length);
+    pendingBytes_ += length;
+    Pending& entry = pending->second;
+    ++entry.generation;
+    entry.chunks = chunksBefore + 1;
+    entry.bucket = BucketOf(composite);
+    entry.submitted = false;
+    return WritePendingIfLarge();
+  }
+
   bool NewComposite(std::int32_t fileId, const unsigned char* chunk, std::size_t length,
                     double fingerprint, std::int32_t& id) {
-    OdbcStatement* insert = statements_.Get(d_.insertComposite);
+    OdbcStatement* insert = session_.Prepared(d_.insertComposite);
     if (insert == nullptr) return false;
     auto plain = std::make_shared<Bytes>(chunk, chunk + length);
     StoredForm form;
@@ -533,7 +578,7 @@ class FileWriter {
 
   bool InsertChunk(std::int32_t fileId, std::int32_t ordinal, std::int32_t compositeId,
                    std::int32_t start, std::size_t length, double fingerprint) {
-    OdbcStatement* insert = statements_.Get(d_.insertChunk);
+    OdbcStatement* insert = session_.Prepared(d_.insertChunk);
     if (insert == nullptr) return false;
     insert->SetInt32(1, fileId);
     insert->SetInt32(2, ordinal);
@@ -593,29 +638,55 @@ class FileWriter {
     }
     std::vector<StoredForm> forms(plains.size());
     if (!MakeStoredForms(plains, prefixes, cache_ != nullptr, forms)) return false;
-    OdbcStatement* update = statements_.Get(d_.updateCompositeData);
-    if (update == nullptr) return false;
+    struct Write {
+      std::int32_t id;
+      StoredForm* form;
+      const Pending* entry;
+    };
+    std::vector<Write> writes;
     std::size_t fresh = 0;
     i = 0;
     for (const auto& [id, entry] : pending_) {
-      StoredForm& form = chosen[i] != nullptr ? *chosen[i] : forms[fresh++];
+      writes.push_back({id, chosen[i] != nullptr ? chosen[i] : &forms[fresh++], &entry});
       ++i;
-      update->SetBinary(1, form.bytes(), form.count(), d_.longBinary);
-      update->SetBit(2, form.compressed());
-      update->SetInt32(3, id);
       if (cache_ != nullptr) written_[id] = nullptr;  // touched, whatever happens next
-      if (!update->Execute()) return false;
-      if (cache_ != nullptr) {
-        std::unique_ptr<GzipPrefix> kept = form.TakePrefix();
-        if (kept != nullptr) {
-          auto known = std::make_shared<CompositeCache::Entry>();
-          known->plain = entry.plain;
-          known->stored.assign(form.bytes(), form.bytes() + form.count());
-          known->compressed = form.compressed();
-          known->chunks = entry.chunks;
-          known->prefix = std::move(kept);
-          written_[id] = std::move(known);
+    }
+    std::size_t next = 0;
+    if (d_.updateCompositeDataBatch != nullptr) {
+      OdbcStatement* batch = session_.Prepared(d_.updateCompositeDataBatch);
+      if (batch == nullptr) return false;
+      for (; writes.size() - next >= kDataBatchRows; next += kDataBatchRows) {
+        for (int row = 0; row < kDataBatchRows; ++row) {
+          const Write& w = writes[next + static_cast<std::size_t>(row)];
+          batch->SetInt32(3 * row + 1, w.id);
+          batch->SetBinary(3 * row + 2, w.form->bytes(), w.form->count(), d_.longBinary);
+          batch->SetBit(3 * row + 3, w.form->compressed());
         }
+        if (!batch->Execute()) return false;
+      }
+    }
+    if (next < writes.size()) {
+      OdbcStatement* update = session_.Prepared(d_.updateCompositeData);
+      if (update == nullptr) return false;
+      for (; next < writes.size(); ++next) {
+        const Write& w = writes[next];
+        update->SetBinary(1, w.form->bytes(), w.form->count(), d_.longBinary);
+        update->SetBit(2, w.form->compressed());
+        update->SetInt32(3, w.id);
+        if (!update->Execute()) return false;
+      }
+    }
+    if (cache_ != nullptr) {
+      for (const Write& w : writes) {
+        std::unique_ptr<GzipPrefix> kept = w.form->TakePrefix();
+        if (kept == nullptr) continue;
+        auto known = std::make_shared<CompositeCache::Entry>();
+        known->plain = w.entry->plain;
+        known->stored.assign(w.form->bytes(), w.form->bytes() + w.form->count());
+        known->compressed = w.form->compressed();
+        known->chunks = w.entry->chunks;
+        known->prefix = std::move(kept);
+        written_[w.id] = std::move(known);
       }
     }
     pending_.clear();
@@ -626,9 +697,10 @@ class FileWriter {
   OdbcConnection& db_;
   const Dialect& d_;
   const StoreOptions& options_;
-  Statements statements_;
+  Session& session_;
   std::map<std::int32_t, Pending> pending_;
   std::size_t pendingBytes_ = 0;
+  std::string heldIds_;  // pending_'s ids for appendChunk, reused
   // Chunks of the file not yet stored, by bucket.
   std::unordered_map<int, int> remaining_;
   CompositeCache* const cache_;  // null unless deferring with a cache
@@ -687,24 +759,20 @@ void CompositeCache::ForgetLocked(std::int32_t compositeId) {
   slots_.erase(found);
 }
 
-std::int32_t StoreFile(const std::string& connection, const unsigned char* bytes,
-                       std::int32_t count, const StoreOptions& options, std::string* error) {
-  if (count < 0 || (bytes == nullptr && count > 0)) {
-    Report(error, "no file bytes");
-    return -1;
-  }
-  OdbcConnection db;
+namespace {
+
+// One attempt at storing the file on `session`; -1 on failure.
+std::int32_t StoreOnSession(Session& session, const unsigned char* bytes, std::int32_t count,
+                            const StoreOptions& options, std::string* error) {
+  OdbcConnection& db = session.db();
   try {
-    if (!db.Connect(connection, false)) {
-      Report(error, db.LastError());
-      return -1;
-    }
     const Dialect& d = DialectFor(db.DbmsName());
     std::int32_t fileId = -1;
     bool stored = false;
     {
-      FileWriter writer(db, d, options);
-      stored = EnsureTables(db, d) && writer.Run(bytes, count, fileId) && db.Commit();
+      FileWriter writer(session, d, options);
+      session.tablesKnown = session.tablesKnown || EnsureTables(db, d);
+      stored = session.tablesKnown && writer.Run(bytes, count, fileId) && db.Commit();
       writer.Publish(stored);
     }
     if (stored) return fileId;
@@ -712,22 +780,51 @@ std::int32_t StoreFile(const std::string& connection, const unsigned char* bytes
   } catch (const std::exception& e) {
     Report(error, e.what());
   }
-  db.Rollback();
   return -1;
+}
+
+}  // namespace
+
+std::int32_t StoreFile(const std::string& connection, const unsigned char* bytes,
+                       std::int32_t count, const StoreOptions& options, std::string* error) {
+  if (count < 0 || (bytes == nullptr && count > 0)) {
+    Report(error, "no file bytes");
+    return -1;
+  }
+  for (;;) {
+    std::unique_ptr<Session> session =
+        options.sessions != nullptr ? options.sessions->Take(connection) : nullptr;
+    if (session == nullptr) {
+      session = std::make_unique<Session>();
+      if (!session->db().Connect(connection, false)) {
+        Report(error, session->db().LastError());
+        return -1;
+      }
+    }
+    const std::int32_t fileId = StoreOnSession(*session, bytes, count, options, error);
+    const bool ended = fileId >= 0 || session->db().Rollback();
+    // A kept session the server has closed since: the file goes to a new
+    // one (nothing of this attempt was committed).
+    if (fileId < 0 && session->reused && session->db().IsDead()) continue;
+    if (ended && options.sessions != nullptr && !session->db().IsDead()) {
+      options.sessions->Give(connection, std::move(session));
+    }
+    return fileId;
+  }
 }
 
 bool ReadStoredFile(const std::string& connection, std::int32_t fileId, Bytes& bytes,
                     std::string* error) {
   bytes.clear();
-  OdbcConnection db;
+  Session statements;
+  OdbcConnection& db = statements.db();
   if (!db.Connect(connection, true)) {
     Report(error, db.LastError());
     return false;
   }
   const Dialect& d = DialectFor(db.DbmsName());
-  Statements statements(db);
   std::int32_t size = 0;
-  OdbcStatement* sizeOf = statements.Get(d.fileSize);
+  OdbcStatement* sizeOf = statements.Prepared(d.fileSize);
   if (sizeOf == nullptr) {
     Report(error, db.LastError());
     return false;
@@ -746,7 +843,7 @@ bool ReadStoredFile(const std::string& connection, std::int32_t fileId, Bytes& b
     std::int32_t composite, start, length;
   };
   std::vector<Piece> pieces;
-  OdbcStatement* list = statements.Get(d.fileChunks);
+  OdbcStatement* list = statements.Prepared(d.fileChunks);
   if (list == nullptr) {
     Report(error, db.LastError());
     return false;

@@ -4,8 +4,9 @@
 // of this engine, reading a stored file back and counting what a store
 // holds.
 //
-// Each call opens its own ODBC connection and closes it before returning;
-// calls from any number of threads or processes may run at once.
+// Each call has an ODBC connection of its own for the whole call (a new one,
+// or one kept open by a SessionPool between calls); calls from any number
+// of threads or processes may run at once.
 #ifndef ZELVARPACK_STORE_FILE_STORE_H_
 #define ZELVARPACK_STORE_FILE_STORE_H_
 
@@ -21,6 +22,8 @@
 #include "store/gzip_prefix.h"
 
 namespace zelvarpack::store {
+
+class SessionPool;
 
 // Composites as this process last committed them, kept across calls (for
 // example by one CZelvarFileServer handle): their bytes, their stored form
@@ -78,6 +81,9 @@ struct StoreOptions {
   // With deferral, composites committed by earlier calls that share this
   // cache are continued rather than recompressed; null: no cache.
   CompositeCache* cache = nullptr;
+  // Sessions kept between calls; null: a new connection per call, closed
+  // before it returns.
+  SessionPool* sessions = nullptr;
 };
 
 // Stores `count` bytes as one new file in one transaction. Returns the new

@@ -8,24 +8,29 @@ namespace zelvarpack::store {
 
 namespace {
 
-// net::Compress's settings and piece size; the continuation must match them.
-constexpr std::size_t kPiece = 16384;
+// The store's gzip: the best compression, its input fed in pieces of one
+// chunk (so that a stream can be kept at every chunk boundary of a
+// composite), each deflate call given an output area of kOutputArea bytes.
+// The output depends only on these settings and the pieces; the area size
+// does not change it.
+constexpr std::size_t kPiece = 4096;
+constexpr std::size_t kOutputArea = 16384;
 constexpr int kLevel = 9;
 constexpr int kMemoryLevel = 9;
 constexpr int kGzipWindowBits = 31;
 
-// One piece of input with net::Compress's output loop; false on an error.
+// One piece of input; false on an error.
 bool Feed(z_stream& stream, const unsigned char* bytes, std::size_t count, int flush,
           std::vector<unsigned char>& out) {
-  unsigned char area[kPiece];
+  unsigned char area[kOutputArea];
   stream.next_in = const_cast<unsigned char*>(bytes);
   stream.avail_in = static_cast<uInt>(count);
   do {
     stream.next_out = area;
-    stream.avail_out = kPiece;
+    stream.avail_out = kOutputArea;
     const int status = deflate(&stream, flush);
     if (status != Z_OK && status != Z_STREAM_END && status != Z_BUF_ERROR) return false;
-    out.insert(out.end(), area, area + (kPiece - stream.avail_out));
+    out.insert(out.end(), area, area + (kOutputArea - stream.avail_out));
   } while (stream.avail_out == 0);
   return stream.avail_in == 0;
 }
@@ -62,7 +67,7 @@ std::size_t GzipPrefix::Footprint() const {
 bool GzipPrefix::Finish(const unsigned char* bytes, std::size_t count,
                         std::vector<unsigned char>& gzip, std::unique_ptr<GzipPrefix>* next) const {
   if (count <= consumed_) return false;
-  // The piece net::Compress would give Z_FINISH starts here.
+  // The piece that gets Z_FINISH starts here.
   const std::size_t lastStart = (count - 1) / kPiece * kPiece;
   std::unique_ptr<GzipPrefix> work(new GzipPrefix);
   if (deflateCopy(&work->stream_->z, &stream_->z) != Z_OK) return false;
@@ -89,19 +94,24 @@ bool GzipPrefix::Finish(const unsigned char* bytes, std::size_t count,
     *next = std::move(kept);
   }
   gzip = std::move(work->output_);
-  unsigned char area[kPiece];
+  unsigned char area[kOutputArea];
   z_stream& z = work->stream_->z;
   z.next_in = const_cast<unsigned char*>(bytes + lastStart);
   z.avail_in = static_cast<uInt>(count - lastStart);
   int status;
   do {
     z.next_out = area;
-    z.avail_out = kPiece;
+    z.avail_out = kOutputArea;
     status = deflate(&z, Z_FINISH);
     if (status != Z_OK && status != Z_STREAM_END && status != Z_BUF_ERROR) return false;
-    gzip.insert(gzip.end(), area, area + (kPiece - z.avail_out));
+    gzip.insert(gzip.end(), area, area + (kOutputArea - z.avail_out));
   } while (z.avail_out == 0);
   return status == Z_STREAM_END;
+}
+
+bool GzipOf(const unsigned char* bytes, std::size_t count, std::vector<unsigned char>& gzip) {
+  std::unique_ptr<GzipPrefix> start = GzipPrefix::Start();
+  return start != nullptr && start->Finish(bytes, count, gzip, nullptr);
 }
 
 }  // namespace zelvarpack::store

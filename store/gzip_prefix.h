@@ -1,9 +1,9 @@
-// Gzip of a growing byte string without starting over: a deflate stream
-// that has consumed a prefix of the bytes (never finished) is copied and
-// continued with the rest. The continuation makes exactly the calls that
-// net::Compress makes for the whole string (the same 16384-byte input
-// pieces, the same output area per call), so its output is the same, byte
-// for byte.
+// The file store's gzip, and gzip of a growing byte string without
+// starting over: a deflate stream that has consumed a prefix of the bytes
+// (never finished) is copied and continued with the rest. The continuation
+// makes exactly the deflate calls that compressing the whole string makes
+// (the same 4096-byte input pieces, the same output area per call), so its
+// output is the same, byte for byte.
 #ifndef ZELVARPACK_STORE_GZIP_PREFIX_H_
 #define ZELVARPACK_STORE_GZIP_PREFIX_H_
 
@@ -22,7 +22,7 @@ class GzipPrefix {
   // The stream before any input; null when zlib cannot start one.
   static std::unique_ptr<GzipPrefix> Start();
 
-  // How many leading bytes the stream has consumed (a multiple of 16384).
+  // How many leading bytes the stream has consumed (a multiple of 4096).
   std::size_t consumed() const { return consumed_; }
 
   // The gzip form of `bytes` (which must begin with the bytes this stream
@@ -43,6 +43,10 @@ class GzipPrefix {
   std::vector<unsigned char> output_;  // what the stream emitted so far
   std::size_t consumed_ = 0;
 };
+
+// The store's gzip form of `count` (at least one) bytes: the best
+// compression, fed in 4096-byte pieces. False when zlib fails.
+bool GzipOf(const unsigned char* bytes, std::size_t count, std::vector<unsigned char>& gzip);
 
 }  // namespace zelvarpack::store
 

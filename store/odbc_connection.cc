@@ -136,6 +136,15 @@ std::string OdbcConnection::DbmsName() {
   return Narrow(name, 127);
 }
 
+bool OdbcConnection::IsDead() {
+  if (!connected_) return true;
+  SQLUINTEGER dead = SQL_CD_FALSE;
+  if (!Succeeded(SQLGetConnectAttrW(connection_, SQL_ATTR_CONNECTION_DEAD, &dead, 0, nullptr))) {
+    return false;
+  }
+  return dead == SQL_CD_TRUE;
+}
+
 bool OdbcConnection::Commit() {
   if (Succeeded(SQLEndTran(SQL_HANDLE_DBC, connection_, SQL_COMMIT))) return true;
   NoteError(SQL_HANDLE_DBC, connection_, "commit");
@@ -200,6 +209,13 @@ void OdbcStatement::SetBit(int position, bool value) {
   parameter.bit = value ? 1 : 0;
 }
 
+void OdbcStatement::SetText(int position, const std::string& text) {
+  Parameter& parameter = At(position);
+  parameter.kind = Parameter::Kind::kText;
+  parameter.bytes = reinterpret_cast<const unsigned char*>(text.data());
+  parameter.count = static_cast<std::int64_t>(text.size());
+}
+
 void OdbcStatement::SetBinary(int position, const unsigned char* bytes, std::size_t count,
                               bool longBinary) {
   Parameter& parameter = At(position);
@@ -227,6 +243,12 @@ bool OdbcStatement::Execute() {
       case Parameter::Kind::kBit:
         result = SQLBindParameter(handle_, number, SQL_PARAM_INPUT, SQL_C_BIT, SQL_BIT, 1, 0,
                                   &p.bit, 0, nullptr);
+        break;
+      case Parameter::Kind::kText:
+        result = SQLBindParameter(handle_, number, SQL_PARAM_INPUT, SQL_C_CHAR, SQL_VARCHAR,
+                                  static_cast<SQLULEN>(std::max<std::int64_t>(p.count, 1)), 0,
+                                  const_cast<unsigned char*>(p.bytes), static_cast<SQLLEN>(p.count),
+                                  reinterpret_cast<SQLLEN*>(&p.count));
         break;
       case Parameter::Kind::kBinary:
       case Parameter::Kind::kLongBinary:

@@ -40,6 +40,10 @@ class OdbcConnection {
   // "Microsoft SQL Server"), or "" when it cannot be read.
   std::string DbmsName();
 
+  // True when the driver knows the connection is lost (the server closed
+  // it, say); false when alive or when the driver cannot tell.
+  bool IsDead();
+
   bool Commit();
   bool Rollback();
 
@@ -77,6 +81,8 @@ class OdbcStatement {
   void SetInt32(int position, std::int32_t value);
   void SetDouble(int position, double value);
   void SetBit(int position, bool value);
+  // ASCII text, borrowed like binary bytes.
+  void SetText(int position, const std::string& text);
   // `longBinary` binds as a long binary type, else as a variable binary.
   void SetBinary(int position, const unsigned char* bytes, std::size_t count, bool longBinary);
 
@@ -103,7 +109,15 @@ class OdbcStatement {
   OdbcStatement(OdbcConnection* owner, void* handle) : owner_(owner), handle_(handle) {}
 
   struct Parameter {
-    enum class Kind { kUnset, kInt32, kDouble, kBit, kBinary, kLongBinary } kind = Kind::kUnset;
+    enum class Kind {
+      kUnset,
+      kInt32,
+      kDouble,
+      kBit,
+      kText,
+      kBinary,
+      kLongBinary
+    } kind = Kind::kUnset;
     std::int32_t int32 = 0;
     double real = 0;
     unsigned char bit = 0;

@@ -137,6 +137,48 @@ Dialect MakePostgresql() {
       FindComposite("CAST(TRUNC(c.fft_rms * CAST(100 AS double precision)) AS integer)",
                     "CAST(TRUNC(? * CAST(100 AS double precision)) AS integer)");
   d.findComposite = find.c_str();
+  // The search is the one above; the composite's bytes so far are the sum
+  // of its chunks' lengths (the caller checks this against the data), and
+  // the new mean is computed by the same double arithmetic as the caller's.
+  // A data-modifying WITH sees the rows as they were before the statement,
+  // so every part reads the composite as the search found it.
+  static const std::string append =
+      "WITH m AS (SELECT c.composite_id, c.chunks, c.is_compressed, "
+      "MAX(ch.ordinal) AS max_ordinal, SUM(ch.fft_rms) AS sum_fft, SUM(ch.length) AS bytes "
+      "FROM composite c INNER JOIN chunk ch ON c.composite_id = ch.composite_id WHERE "
+      "CAST(TRUNC(c.fft_rms * CAST(100 AS double precision)) AS integer) = "
+      "CAST(TRUNC(CAST(? AS double precision) * CAST(100 AS double precision)) AS integer) "
+      "AND c.chunks < 25 GROUP BY c.composite_id, c.chunks, c.fft_rms, c.is_compressed "
+      "ORDER BY ABS(c.fft_rms - CAST(? AS double precision)), c.composite_id LIMIT 1), "
+      "u AS (UPDATE composite c SET chunks = c.chunks + 1, "
+      "fft_rms = (m.sum_fft + CAST(? AS double precision)) / (m.chunks + 1) FROM m "
+      "WHERE c.composite_id = m.composite_id RETURNING c.fft_rms), "
+      "n AS (INSERT INTO composite (chunks, data, fft_rms, is_compressed) "
+      "SELECT 1, CAST(? AS bytea), CAST(? AS double precision), false "
+      "WHERE NOT EXISTS (SELECT 1 FROM m) RETURNING composite_id, fft_rms), "
+      "k AS (INSERT INTO chunk (file_id, ordinal, composite_id, start, length, fft_rms) "
+      "SELECT CAST(? AS integer), COALESCE(m.max_ordinal + 1, 1), "
+      "COALESCE(m.composite_id, n.composite_id), COALESCE(m.bytes + 1, 1), "
+      "CAST(? AS integer), CAST(? AS double precision) "
+      "FROM (SELECT 1) AS one LEFT JOIN m ON true LEFT JOIN n ON true "
+      "RETURNING composite_id, start) "
+      "SELECT k.composite_id, m.chunks, m.is_compressed, k.start, "
+      "COALESCE(u.fft_rms, n.fft_rms), "
+      "CASE WHEN m.composite_id IS NULL OR m.composite_id = ANY(CAST(? AS integer[])) "
+      "THEN NULL ELSE (SELECT data FROM composite WHERE composite_id = m.composite_id) END "
+      "FROM k LEFT JOIN m ON true LEFT JOIN u ON true LEFT JOIN n ON true";
+  d.appendChunk = append.c_str();
+  static const std::string batch = [] {
+    std::string sql =
+        "UPDATE composite AS c SET data = v.data, is_compressed = v.is_compressed "
+        "FROM (VALUES ";
+    for (int row = 0; row < kDataBatchRows; ++row) {
+      if (row > 0) sql += ", ";
+      sql += "(CAST(? AS integer), CAST(? AS bytea), CAST(? AS boolean))";
+    }
+    return sql + ") AS v (composite_id, data, is_compressed) WHERE c.composite_id = v.composite_id";
+  }();
+  d.updateCompositeDataBatch = batch.c_str();
   d.longBinary = false;  // the driver maps variable binary to bytea
   d.tablesPresent =
       "SELECT COUNT(*) FROM pg_catalog.pg_tables WHERE schemaname = current_schema() "

@@ -23,6 +23,18 @@ enum class Engine { kSqlServer, kSqlite, kPostgresql };
 // query run right after it.
 enum class IdentityFrom { kNextResult, kSameResult, kSeparateQuery };
 
+// Composites per updateCompositeDataBatch statement.
+constexpr int kDataBatchRows = 16;
+
+// Columns of appendChunk's row: the composite that took the chunk, its
+// chunks before (NULL for a new one), its is_compressed flag, the chunk's
+// start, the composite's fft_rms after, and its stored data (NULL when new
+// or among the ids the caller holds).
+struct AppendColumns {
+  static constexpr int kCompositeId = 1, kChunksBefore = 2, kIsCompressed = 3, kStart = 4,
+                       kFftRms = 5, kData = 6;
+};
+
 // Column positions (1-based) of the composite search's row; 0 when absent.
 struct MatchColumns {
   int compositeId;
@@ -61,6 +73,16 @@ struct Dialect {
   const char* updateCompositeData;
   // (file_id, ordinal, composite_id, start, length, fft_rms)
   const char* insertChunk;
+  // Or null. With deferred compression, one statement in place of a chunk's
+  // search, count update, composite insert and chunk insert (one round
+  // trip instead of four on a server). Parameters: (fft_rms, fft_rms,
+  // fft_rms, chunk bytes, fft_rms, file_id, length, fft_rms, the ids of
+  // composites whose bytes the caller holds, as an array literal "{1,2}").
+  // One row, see `appendColumns`.
+  const char* appendChunk;
+  // Or null. (composite_id, data, is_compressed) x kDataBatchRows: the
+  // deferred data writes of several composites in one statement.
+  const char* updateCompositeDataBatch;
   // Binds composite data as a long binary (else as a variable binary).
   bool longBinary;
 

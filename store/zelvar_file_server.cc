@@ -3,14 +3,17 @@
 #include <string>
 
 #include "store/file_store.h"
+#include "store/session_pool.h"
 
 namespace {
 
-// What a handle owns: the connection string, NUL-terminated, and what it
-// remembers of the composites its calls committed (see CompositeCache).
+// What a handle owns: the connection string, NUL-terminated, what it
+// remembers of the composites its calls committed (see CompositeCache) and
+// the sessions its calls left open (see SessionPool).
 struct FileServerHandle {
   std::string connection;
   zelvarpack::store::CompositeCache cache;
+  zelvarpack::store::SessionPool sessions;
 };
 
 }  // namespace
@@ -30,6 +33,7 @@ std::int32_t CZelvarFileServer::AddFile(void* handle, unsigned char* bytes, std:
     auto* server = static_cast<FileServerHandle*>(handle);
     zelvarpack::store::StoreOptions options;
     options.cache = &server->cache;
+    options.sessions = &server->sessions;
     return zelvarpack::store::StoreFile(server->connection, bytes, length, options);
   } catch (...) {
     return -1;

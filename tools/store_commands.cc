@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "store/file_store.h"
+#include "store/session_pool.h"
 #include "tools/cli.h"
 
 using zelvarpack::cli::Arguments;
@@ -104,6 +105,8 @@ int RunStoreAdd(Arguments& args) {
   store::CompositeCache cache;
   store::StoreOptions storeOptions;
   storeOptions.cache = &cache;
+  store::SessionPool sessions;
+  storeOptions.sessions = &sessions;
   for (std::size_t i = 0; i < options.operands.size(); ++i) {
     const std::string& path = options.operands[i];
     const std::string bytes = zelvarpack::cli::ReadInput(path);
