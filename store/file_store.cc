@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <charconv>
 #include <condition_variable>
 #include <deque>
 #include <map>
@@ -147,10 +148,10 @@ bool EnsureTables(OdbcConnection& db, const Dialect& d) {
   };
   std::int32_t present = 0;
   if (!tablesPresent(present)) return false;
-  if (present < 3 && d.schemaLock != nullptr) {
+  if (present < d.schemaObjects && d.schemaLock != nullptr) {
     if (!db.ExecuteDirect(d.schemaLock) || !tablesPresent(present)) return false;
   }
-  if (present < 3) {
+  if (present < d.schemaObjects) {
     for (const std::string& statement : d.schema) {
       if (!db.ExecuteDirect(statement)) return false;
     }
@@ -330,7 +331,14 @@ class FileWriter {
           ChunkFingerprint(bytes + offset, std::min(kChunkBytes, total - offset)));
       ++remaining_[BucketOf(fingerprints.back())];
     }
+    const bool batched = options_.deferCompression && d_.appendChunks != nullptr;
     for (std::size_t i = 0; i < fingerprints.size(); ++i) {
+      if (batched) {
+        const std::size_t run = std::min(fingerprints.size() - i, ChunksPerCall());
+        if (!AppendChunks(fileId, bytes, total, fingerprints, i, run)) return false;
+        i += run - 1;
+        continue;
+      }
       const std::size_t offset = i * kChunkBytes;
       std::int32_t touched = 0;
       if (!AddChunk(fileId, bytes + offset, std::min(kChunkBytes, total - offset), fingerprints[i],
@@ -401,9 +409,6 @@ class FileWriter {
 
   bool AddChunk(std::int32_t fileId, const unsigned char* chunk, std::size_t length,
                 double fingerprint, std::int32_t& id) {
-    if (options_.deferCompression && d_.appendChunk != nullptr) {
-      return AppendChunk(fileId, chunk, length, fingerprint, id);
-    }
     OdbcStatement* find = session_.Prepared(d_.findComposite);
     if (find == nullptr) return false;
     find->SetDouble(1, fingerprint);
@@ -479,42 +484,74 @@ class FileWriter {
            WritePendingIfLarge();
   }
 
-  // AddChunk with deferred compression in one statement: the database
-  // searches, counts, inserts the composite or the chunk, and returns the
-  // composite's data only when this transaction does not hold its bytes.
-  bool AppendChunk(std::int32_t fileId, const unsigned char* chunk, std::size_t length,
-                   double fingerprint, std::int32_t& id) {
-    OdbcStatement* append = session_.Prepared(d_.appendChunk);
+  // Chunks per appendChunks call: enough to make round trips rare, few
+  // enough that the bytes held between calls stay near the deferral limit.
+  std::size_t ChunksPerCall() const {
+    return std::clamp<std::size_t>(options_.deferredBytesLimit / kChunkBytes / 2, 1, 1024);
+  }
+
+  // Chunks [first, first + run) of the file through one appendChunks call:
+  // the database searches, counts and inserts, and sends a composite's data
+  // only when this transaction does not hold its bytes.
+  bool AppendChunks(std::int32_t fileId, const unsigned char* bytes, std::size_t total,
+                    const std::vector<double>& fingerprints, std::size_t first, std::size_t run) {
+    OdbcStatement* append = session_.Prepared(d_.appendChunks);
     if (append == nullptr) return false;
+    fingerprintList_.assign(1, '{');
+    lengthList_.assign(1, '{');
+    for (std::size_t i = first; i < first + run; ++i) {
+      if (i > first) {
+        fingerprintList_ += ',';
+        lengthList_ += ',';
+      }
+      // The shortest form that reads back as the same double, in any locale.
+      char text[32];
+      const std::to_chars_result written = std::to_chars(text, text + sizeof text, fingerprints[i]);
+      if (written.ec != std::errc()) return false;
+      fingerprintList_.append(text, written.ptr);
+      lengthList_ += std::to_string(std::min(kChunkBytes, total - i * kChunkBytes));
+    }
+    fingerprintList_ += '}';
+    lengthList_ += '}';
     heldIds_.assign(1, '{');
     for (const auto& [held, entry] : pending_) {
       if (heldIds_.size() > 1) heldIds_ += ',';
       heldIds_ += std::to_string(held);
     }
     heldIds_ += '}';
-    append->SetDouble(1, fingerprint);
-    append->SetDouble(2, fingerprint);
-    append->SetDouble(3, fingerprint);
-    append->SetBinary(4, chunk, length, d_.longBinary);
-    append->SetDouble(5, fingerprint);
-    append->SetInt32(6, fileId);
-    append->SetInt32(7, static_cast<std::int32_t>(length));
-    append->SetDouble(8, fingerprint);
-    append->SetText(9, heldIds_);
-    if (!append->Execute() || append->Fetch() != OdbcStatement::Row::kRow) return false;
+    append->SetInt32(1, fileId);
+    append->SetText(2, fingerprintList_);
+    append->SetText(3, lengthList_);
+    append->SetText(4, heldIds_);
+    if (!append->Execute()) return false;
     using C = AppendColumns;
-    std::int32_t chunksBefore = 0;
-    std::int32_t start = 0;
-    bool compressed = false;
-    double composite = 0;
-    Bytes data;
-    const bool read =
-        append->GetInt32(C::kCompositeId, id) && append->GetInt32(C::kChunksBefore, chunksBefore) &&
-        append->GetBit(C::kIsCompressed, compressed) && append->GetInt32(C::kStart, start) &&
-        append->GetDouble(C::kFftRms, composite) && append->GetBinary(C::kData, data);
+    bool ok = true;
+    for (std::size_t i = first; ok && i < first + run; ++i) {
+      std::int32_t id = 0;
+      std::int32_t chunksBefore = 0;
+      std::int32_t start = 0;
+      bool compressed = false;
+      double composite = 0;
+      ok = append->Fetch() == OdbcStatement::Row::kRow && append->GetInt32(C::kCompositeId, id) &&
+           append->GetInt32(C::kChunksBefore, chunksBefore) &&
+           append->GetBit(C::kIsCompressed, compressed) && append->GetInt32(C::kStart, start) &&
+           append->GetDouble(C::kFftRms, composite) && append->GetBinary(C::kData, data_) &&
+           TakeChunk(bytes + i * kChunkBytes, std::min(kChunkBytes, total - i * kChunkBytes), id,
+                     chunksBefore, compressed, start, composite, data_);
+      if (ok) CompressWhatIsFinished(BucketOf(fingerprints[i]), id);
+    }
+    ok = ok && append->Fetch() == OdbcStatement::Row::kEnd;
     append->CloseCursor();
-    if (!read) return false;
+    return ok && WritePendingIfLarge();
+  }
 
+  // Adds a chunk the database gave to composite `id` (which had
+  // `chunksBefore` chunks, 0 when new, and now has mean `composite`) to the
+  // composite's bytes held here; `data` is its stored data when the
+  // database sent it.
+  bool TakeChunk(const unsigned char* chunk, std::size_t length, std::int32_t id,
+                 std::int32_t chunksBefore, bool compressed, std::int32_t start, double composite,
+                 Bytes& data) {
     auto pending = pending_.find(id);
     if (pending == pending_.end()) {
       auto plain = std::make_shared<Bytes>();
@@ -545,7 +582,7 @@ class FileWriter {
     entry.chunks = chunksBefore + 1;
     entry.bucket = BucketOf(composite);
     entry.submitted = false;
-    return WritePendingIfLarge();
+    return true;
   }
 
   bool NewComposite(std::int32_t fileId, const unsigned char* chunk, std::size_t length,
@@ -700,7 +737,11 @@ class FileWriter {
   Session& session_;
   std::map<std::int32_t, Pending> pending_;
   std::size_t pendingBytes_ = 0;
-  std::string heldIds_;  // pending_'s ids for appendChunk, reused
+  // appendChunks's parameters and data column, reused.
+  std::string fingerprintList_;
+  std::string lengthList_;
+  std::string heldIds_;
+  Bytes data_;
   // Chunks of the file not yet stored, by bucket.
   std::unordered_map<int, int> remaining_;
   CompositeCache* const cache_;  // null unless deferring with a cache

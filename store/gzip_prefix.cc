@@ -3,6 +3,9 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <mutex>
+#include <unordered_map>
 
 namespace zelvarpack::store {
 
@@ -18,6 +21,63 @@ constexpr std::size_t kOutputArea = 16384;
 constexpr int kLevel = 9;
 constexpr int kMemoryLevel = 9;
 constexpr int kGzipWindowBits = 31;
+
+// Deflate's working memory, about 390 KB per stream at these settings, is
+// allocated anew for every stream copy, and blocks that large come from
+// fresh mappings whose every page faults on first touch. Freed blocks are
+// kept for the next stream instead, up to a bound.
+class BlockPool {
+ public:
+  static BlockPool& Instance() {
+    // Never destroyed: streams may outlive static destruction.
+    static BlockPool* const pool = new BlockPool;
+    return *pool;
+  }
+
+  void* Allocate(std::size_t size) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      std::vector<Header*>& list = free_[size];
+      if (!list.empty()) {
+        Header* block = list.back();
+        list.pop_back();
+        kept_ -= size;
+        return block + 1;
+      }
+    }
+    auto* block = static_cast<Header*>(std::malloc(sizeof(Header) + size));
+    if (block == nullptr) return nullptr;
+    block->size = size;
+    return block + 1;
+  }
+
+  void Release(void* address) {
+    Header* block = static_cast<Header*>(address) - 1;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (kept_ + block->size <= kMaxKept) {
+        free_[block->size].push_back(block);
+        kept_ += block->size;
+        return;
+      }
+    }
+    std::free(block);
+  }
+
+ private:
+  struct alignas(16) Header {
+    std::size_t size;
+  };
+  static constexpr std::size_t kMaxKept = std::size_t{64} << 20;
+  std::mutex mutex_;
+  std::unordered_map<std::size_t, std::vector<Header*>> free_;  // guarded by mutex_
+  std::size_t kept_ = 0;                                        // guarded by mutex_
+};
+
+voidpf PoolAlloc(voidpf, uInt items, uInt size) {
+  return BlockPool::Instance().Allocate(std::size_t{items} * size);
+}
+void PoolFree(voidpf, voidpf address) { BlockPool::Instance().Release(address); }
 
 // One piece of input; false on an error.
 bool Feed(z_stream& stream, const unsigned char* bytes, std::size_t count, int flush,
@@ -50,6 +110,9 @@ GzipPrefix::~GzipPrefix() = default;
 
 std::unique_ptr<GzipPrefix> GzipPrefix::Start() {
   std::unique_ptr<GzipPrefix> prefix(new GzipPrefix);
+  // Copies made by deflateCopy inherit these.
+  prefix->stream_->z.zalloc = PoolAlloc;
+  prefix->stream_->z.zfree = PoolFree;
   if (deflateInit2(&prefix->stream_->z, kLevel, Z_DEFLATED, kGzipWindowBits, kMemoryLevel,
                    Z_DEFAULT_STRATEGY) != Z_OK) {
     return nullptr;

@@ -42,6 +42,7 @@ Dialect MakeSqlServer() {
   d.tablesPresent =
       "SELECT COUNT(*) FROM sys.tables WHERE [name] IN (N'file', N'chunk', N'composite')";
   d.schema = SplitSchema(kSqlServerSchema);
+  d.schemaObjects = 3;
   d.fileSize = "SELECT [original_size] FROM [file] WHERE [file_id] = ?";
   d.fileChunks =
       "SELECT [composite_id], [start], [length] FROM [chunk] WHERE [file_id] = ? "
@@ -112,6 +113,7 @@ Dialect MakeSqlite() {
       "SELECT COUNT(*) FROM sqlite_master WHERE type = 'table' "
       "AND name IN ('file', 'chunk', 'composite')";
   d.schema = SplitSchema(kSqliteSchema);
+  d.schemaObjects = 3;
   return d;
 }
 
@@ -137,37 +139,12 @@ Dialect MakePostgresql() {
       FindComposite("CAST(TRUNC(c.fft_rms * CAST(100 AS double precision)) AS integer)",
                     "CAST(TRUNC(? * CAST(100 AS double precision)) AS integer)");
   d.findComposite = find.c_str();
-  // The search is the one above; the composite's bytes so far are the sum
-  // of its chunks' lengths (the caller checks this against the data), and
-  // the new mean is computed by the same double arithmetic as the caller's.
-  // A data-modifying WITH sees the rows as they were before the statement,
-  // so every part reads the composite as the search found it.
-  static const std::string append =
-      "WITH m AS (SELECT c.composite_id, c.chunks, c.is_compressed, "
-      "MAX(ch.ordinal) AS max_ordinal, SUM(ch.fft_rms) AS sum_fft, SUM(ch.length) AS bytes "
-      "FROM composite c INNER JOIN chunk ch ON c.composite_id = ch.composite_id WHERE "
-      "CAST(TRUNC(c.fft_rms * CAST(100 AS double precision)) AS integer) = "
-      "CAST(TRUNC(CAST(? AS double precision) * CAST(100 AS double precision)) AS integer) "
-      "AND c.chunks < 25 GROUP BY c.composite_id, c.chunks, c.fft_rms, c.is_compressed "
-      "ORDER BY ABS(c.fft_rms - CAST(? AS double precision)), c.composite_id LIMIT 1), "
-      "u AS (UPDATE composite c SET chunks = c.chunks + 1, "
-      "fft_rms = (m.sum_fft + CAST(? AS double precision)) / (m.chunks + 1) FROM m "
-      "WHERE c.composite_id = m.composite_id RETURNING c.fft_rms), "
-      "n AS (INSERT INTO composite (chunks, data, fft_rms, is_compressed) "
-      "SELECT 1, CAST(? AS bytea), CAST(? AS double precision), false "
-      "WHERE NOT EXISTS (SELECT 1 FROM m) RETURNING composite_id, fft_rms), "
-      "k AS (INSERT INTO chunk (file_id, ordinal, composite_id, start, length, fft_rms) "
-      "SELECT CAST(? AS integer), COALESCE(m.max_ordinal + 1, 1), "
-      "COALESCE(m.composite_id, n.composite_id), COALESCE(m.bytes + 1, 1), "
-      "CAST(? AS integer), CAST(? AS double precision) "
-      "FROM (SELECT 1) AS one LEFT JOIN m ON true LEFT JOIN n ON true "
-      "RETURNING composite_id, start) "
-      "SELECT k.composite_id, m.chunks, m.is_compressed, k.start, "
-      "COALESCE(u.fft_rms, n.fft_rms), "
-      "CASE WHEN m.composite_id IS NULL OR m.composite_id = ANY(CAST(? AS integer[])) "
-      "THEN NULL ELSE (SELECT data FROM composite WHERE composite_id = m.composite_id) END "
-      "FROM k LEFT JOIN m ON true LEFT JOIN u ON true LEFT JOIN n ON true";
-  d.appendChunk = append.c_str();
+  // A file's chunks go through the store_append_chunks function of the
+  // schema, many per call.
+  d.appendChunks =
+      "SELECT out_composite, out_chunks_before, out_compressed, out_start, out_fft, out_data "
+      "FROM store_append_chunks(CAST(? AS integer), CAST(? AS double precision[]), "
+      "CAST(? AS integer[]), CAST(? AS integer[]))";
   static const std::string batch = [] {
     std::string sql =
         "UPDATE composite AS c SET data = v.data, is_compressed = v.is_compressed "
@@ -181,8 +158,11 @@ Dialect MakePostgresql() {
   d.updateCompositeDataBatch = batch.c_str();
   d.longBinary = false;  // the driver maps variable binary to bytea
   d.tablesPresent =
-      "SELECT COUNT(*) FROM pg_catalog.pg_tables WHERE schemaname = current_schema() "
-      "AND tablename IN ('file', 'chunk', 'composite')";
+      "SELECT (SELECT COUNT(*) FROM pg_catalog.pg_tables WHERE schemaname = current_schema() "
+      "AND tablename IN ('file', 'chunk', 'composite')) + (SELECT COUNT(*) FROM "
+      "pg_catalog.pg_proc p JOIN pg_catalog.pg_namespace n ON n.oid = p.pronamespace "
+      "WHERE n.nspname = current_schema() AND p.proname = 'store_append_chunks')";
+  d.schemaObjects = 4;
   // Concurrent CREATE ... IF NOT EXISTS can fail on PostgreSQL, and a
   // creator that runs while another caller already stores a file can
   // deadlock with it on the index builds' table locks.
@@ -196,6 +176,7 @@ Dialect MakePostgresql() {
 std::vector<std::string> SplitSchema(const std::string& text) {
   std::vector<std::string> statements;
   std::string current;
+  bool inBody = false;  // between the "$$" quotes of a function body
   std::size_t begin = 0;
   while (begin < text.size()) {
     std::size_t end = text.find('\n', begin);
@@ -204,8 +185,11 @@ std::vector<std::string> SplitSchema(const std::string& text) {
     begin = end + 1;
     const std::size_t first = line.find_first_not_of(" \t\r");
     if (first == std::string::npos || line.compare(first, 2, "--") == 0) continue;
+    for (std::size_t at = line.find("$$"); at != std::string::npos; at = line.find("$$", at + 2)) {
+      inBody = !inBody;
+    }
     const std::size_t last = line.find_last_not_of(" \t\r");
-    const bool ends = line[last] == ';';
+    const bool ends = !inBody && line[last] == ';';
     line.erase(ends ? last : last + 1);
     if (!current.empty()) current += '\n';
     current += line;

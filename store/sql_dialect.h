@@ -26,10 +26,10 @@ enum class IdentityFrom { kNextResult, kSameResult, kSeparateQuery };
 // Composites per updateCompositeDataBatch statement.
 constexpr int kDataBatchRows = 16;
 
-// Columns of appendChunk's row: the composite that took the chunk, its
-// chunks before (NULL for a new one), its is_compressed flag, the chunk's
-// start, the composite's fft_rms after, and its stored data (NULL when new
-// or among the ids the caller holds).
+// Columns of appendChunks's rows: the composite that took the chunk, its
+// chunks before (0 for a new one), its is_compressed flag, the chunk's
+// start, the composite's fft_rms after, and its stored data (NULL when new,
+// among the ids the caller holds, or already sent for an earlier chunk).
 struct AppendColumns {
   static constexpr int kCompositeId = 1, kChunksBefore = 2, kIsCompressed = 3, kStart = 4,
                        kFftRms = 5, kData = 6;
@@ -73,21 +73,24 @@ struct Dialect {
   const char* updateCompositeData;
   // (file_id, ordinal, composite_id, start, length, fft_rms)
   const char* insertChunk;
-  // Or null. With deferred compression, one statement in place of a chunk's
-  // search, count update, composite insert and chunk insert (one round
-  // trip instead of four on a server). Parameters: (fft_rms, fft_rms,
-  // fft_rms, chunk bytes, fft_rms, file_id, length, fft_rms, the ids of
-  // composites whose bytes the caller holds, as an array literal "{1,2}").
-  // One row, see `appendColumns`.
-  const char* appendChunk;
+  // Or null. With deferred compression, in place of the search and the
+  // inserts and updates of many chunks, one call (one round trip on a
+  // server) that stores a run of a file's chunks in order. Parameters:
+  // (file_id, the chunks' fft_rms as an array literal "{0.5,1.25}", their
+  // lengths as one, the ids of composites whose bytes the caller holds as
+  // one). New composites get empty data, to be written before the commit.
+  // One row per chunk, see AppendColumns.
+  const char* appendChunks;
   // Or null. (composite_id, data, is_compressed) x kDataBatchRows: the
   // deferred data writes of several composites in one statement.
   const char* updateCompositeDataBatch;
   // Binds composite data as a long binary (else as a variable binary).
   bool longBinary;
 
-  // One row, one column: how many of the three tables exist.
+  // One row, one column: how many of the schema's objects exist.
   const char* tablesPresent;
+  // How many there are when the schema is complete.
+  int schemaObjects;
   // Run before creating the tables, or null: makes callers that all found
   // tables missing take turns (each looks again once it has the lock).
   const char* schemaLock;

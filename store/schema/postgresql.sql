@@ -30,3 +30,61 @@ CREATE INDEX IF NOT EXISTS chunk_file ON chunk (file_id, chunk_id);
 CREATE INDEX IF NOT EXISTS composite_open_bucket
   ON composite ((CAST(TRUNC(fft_rms * CAST(100 AS double precision)) AS integer)))
   WHERE chunks < 25;
+-- A file's chunks stored in one call: for each chunk in order, the
+-- composite search (same truncated fingerprint x 100, fewer than 25
+-- chunks, nearest first), then either one more chunk for the composite
+-- found (its new mean fingerprint from the sum of its chunks' fingerprints)
+-- or a new composite. New composites get empty data: the caller writes
+-- every composite's data before it commits. One row per chunk; data holds
+-- the composite's stored bytes the first time the call meets a composite
+-- that existed before it and is not among p_held, else NULL.
+CREATE OR REPLACE FUNCTION store_append_chunks(p_file integer,
+    p_fft double precision[], p_length integer[], p_held integer[])
+  RETURNS TABLE (out_composite integer, out_chunks_before integer,
+    out_compressed boolean, out_start integer, out_fft double precision, out_data bytea)
+  LANGUAGE plpgsql AS $$
+DECLARE
+  found_row record;
+  sent integer[] := p_held;
+BEGIN
+  FOR i IN 1 .. COALESCE(array_length(p_fft, 1), 0) LOOP
+    SELECT c.composite_id AS id, c.chunks, c.is_compressed AS compressed,
+        MAX(ch.ordinal) AS max_ordinal, SUM(ch.fft_rms) AS sum_fft, SUM(ch.length) AS bytes
+      INTO found_row
+      FROM composite c INNER JOIN chunk ch ON c.composite_id = ch.composite_id
+      WHERE CAST(TRUNC(c.fft_rms * CAST(100 AS double precision)) AS integer) =
+            CAST(TRUNC(p_fft[i] * CAST(100 AS double precision)) AS integer)
+        AND c.chunks < 25
+      GROUP BY c.composite_id, c.chunks, c.fft_rms, c.is_compressed
+      ORDER BY ABS(c.fft_rms - p_fft[i]), c.composite_id LIMIT 1;
+    IF FOUND THEN
+      out_composite := found_row.id;
+      out_chunks_before := found_row.chunks;
+      out_compressed := found_row.compressed;
+      out_start := found_row.bytes + 1;
+      out_fft := (found_row.sum_fft + p_fft[i]) / (found_row.chunks + 1);
+      UPDATE composite SET chunks = chunks + 1, fft_rms = out_fft
+        WHERE composite_id = out_composite;
+      INSERT INTO chunk (file_id, ordinal, composite_id, start, length, fft_rms)
+        VALUES (p_file, found_row.max_ordinal + 1, out_composite, out_start, p_length[i], p_fft[i]);
+      out_data := NULL;
+      IF NOT out_composite = ANY (sent) THEN
+        SELECT data INTO out_data FROM composite WHERE composite_id = out_composite;
+        sent := sent || out_composite;
+      END IF;
+    ELSE
+      INSERT INTO composite (chunks, data, fft_rms, is_compressed)
+        VALUES (1, ''::bytea, p_fft[i], false) RETURNING composite_id INTO out_composite;
+      out_chunks_before := 0;
+      out_compressed := false;
+      out_start := 1;
+      out_fft := p_fft[i];
+      out_data := NULL;
+      INSERT INTO chunk (file_id, ordinal, composite_id, start, length, fft_rms)
+        VALUES (p_file, 1, out_composite, 1, p_length[i], p_fft[i]);
+      sent := sent || out_composite;
+    END IF;
+    RETURN NEXT;
+  END LOOP;
+END;
+$$;
