@@ -319,7 +319,11 @@ class FileWriter {
   }
 
   bool Run(const unsigned char* bytes, std::int32_t count, std::int32_t& fileId) {
-    if (d_.lockForWrite != nullptr && !db_.ExecuteDirect(d_.lockForWrite)) return false;
+    const bool batched = options_.deferCompression && d_.appendChunks != nullptr;
+    // The appendChunks call takes the lock itself, before it reads anything.
+    if (!batched && d_.lockForWrite != nullptr && !db_.ExecuteDirect(d_.lockForWrite)) {
+      return false;
+    }
     OdbcStatement* insert = session_.Prepared(d_.insertFile);
     if (insert == nullptr) return false;
     insert->SetInt32(1, count);
@@ -331,7 +335,6 @@ class FileWriter {
           ChunkFingerprint(bytes + offset, std::min(kChunkBytes, total - offset)));
       ++remaining_[BucketOf(fingerprints.back())];
     }
-    const bool batched = options_.deferCompression && d_.appendChunks != nullptr;
     for (std::size_t i = 0; i < fingerprints.size(); ++i) {
       if (batched) {
         const std::size_t run = std::min(fingerprints.size() - i, ChunksPerCall());
@@ -689,15 +692,20 @@ class FileWriter {
       if (cache_ != nullptr) written_[id] = nullptr;  // touched, whatever happens next
     }
     std::size_t next = 0;
-    if (d_.updateCompositeDataBatch != nullptr) {
-      OdbcStatement* batch = session_.Prepared(d_.updateCompositeDataBatch);
+    // The largest batches first, the rest one by one.
+    for (int size = kDataBatchSizes - 1; size >= 0; --size) {
+      if (d_.updateCompositeDataBatch[size] == nullptr) continue;
+      const auto rows = static_cast<std::size_t>(DataBatchRows(size));
+      if (writes.size() - next < rows) continue;
+      OdbcStatement* batch = session_.Prepared(d_.updateCompositeDataBatch[size]);
       if (batch == nullptr) return false;
-      for (; writes.size() - next >= kDataBatchRows; next += kDataBatchRows) {
-        for (int row = 0; row < kDataBatchRows; ++row) {
-          const Write& w = writes[next + static_cast<std::size_t>(row)];
-          batch->SetInt32(3 * row + 1, w.id);
-          batch->SetBinary(3 * row + 2, w.form->bytes(), w.form->count(), d_.longBinary);
-          batch->SetBit(3 * row + 3, w.form->compressed());
+      for (; writes.size() - next >= rows; next += rows) {
+        for (std::size_t row = 0; row < rows; ++row) {
+          const Write& w = writes[next + row];
+          const int column = 3 * static_cast<int>(row);
+          batch->SetInt32(column + 1, w.id);
+          batch->SetBinary(column + 2, w.form->bytes(), w.form->count(), d_.longBinary);
+          batch->SetBit(column + 3, w.form->compressed());
         }
         if (!batch->Execute()) return false;
       }

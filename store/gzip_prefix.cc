@@ -11,11 +11,16 @@ namespace zelvarpack::store {
 
 namespace {
 
-// The store's gzip: the best compression, its input fed in pieces of one
-// chunk (so that a stream can be kept at every chunk boundary of a
-// composite), each deflate call given an output area of kOutputArea bytes.
-// The output depends only on these settings and the pieces; the area size
-// does not change it.
+// The engine's gzip helper (net::Compress) feeds its input in 16384-byte
+// pieces; a stream here consumes 4096-byte pieces, so that it can be kept
+// at every chunk boundary of a composite. The output is the same: with no
+// flush, deflate decides nothing until it holds a full lookahead, however
+// the input arrives, and it slides its window only when the window is
+// full, at multiples of 32768 input bytes, which both piece sizes reach at
+// the end of a call. (Slide points decide whether a block may be stored,
+// so piece sizes that do not divide 32768 could give other bytes.) Each
+// deflate call gets an output area of kOutputArea bytes, which does not
+// change the output either.
 constexpr std::size_t kPiece = 4096;
 constexpr std::size_t kOutputArea = 16384;
 constexpr int kLevel = 9;

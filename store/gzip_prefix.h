@@ -1,9 +1,7 @@
-// The file store's gzip, and gzip of a growing byte string without
-// starting over: a deflate stream that has consumed a prefix of the bytes
-// (never finished) is copied and continued with the rest. The continuation
-// makes exactly the deflate calls that compressing the whole string makes
-// (the same 4096-byte input pieces, the same output area per call), so its
-// output is the same, byte for byte.
+// Gzip of a growing byte string without starting over: a deflate stream
+// that has consumed a prefix of the bytes (never finished) is copied and
+// continued with the rest. Its output is net::Compress's for the whole
+// string, byte for byte (see the piece sizes in gzip_prefix.cc).
 #ifndef ZELVARPACK_STORE_GZIP_PREFIX_H_
 #define ZELVARPACK_STORE_GZIP_PREFIX_H_
 
@@ -44,8 +42,8 @@ class GzipPrefix {
   std::size_t consumed_ = 0;
 };
 
-// The store's gzip form of `count` (at least one) bytes: the best
-// compression, fed in 4096-byte pieces. False when zlib fails.
+// net::Compress's gzip form of `count` (at least one) bytes, made with the
+// streams of this class. False when zlib fails.
 bool GzipOf(const unsigned char* bytes, std::size_t count, std::vector<unsigned char>& gzip);
 
 }  // namespace zelvarpack::store

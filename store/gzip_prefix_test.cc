@@ -18,9 +18,9 @@ namespace {
 using zelvarpack::store::GzipPrefix;
 using Bytes = std::vector<unsigned char>;
 
-// The store's gzip written out plainly: best compression, gzip wrapper,
-// 4096-byte input pieces, the last one with Z_FINISH. Checked to gunzip
-// back to the input.
+// The engine's gzip helper's output, checked against its settings written
+// out plainly (best compression, memory level 9, gzip wrapper, 16384-byte
+// input pieces, the last one with Z_FINISH) and to gunzip back to the input.
 Bytes Whole(const Bytes& bytes) {
   z_stream z{};
   EXPECT_EQ(deflateInit2(&z, 9, Z_DEFLATED, 31, 9, Z_DEFAULT_STRATEGY), Z_OK);
@@ -29,7 +29,7 @@ Bytes Whole(const Bytes& bytes) {
   std::size_t at = 0;
   int status = Z_OK;
   do {
-    const std::size_t piece = std::min<std::size_t>(4096, bytes.size() - at);
+    const std::size_t piece = std::min<std::size_t>(16384, bytes.size() - at);
     const bool last = at + piece == bytes.size();
     z.next_in = const_cast<unsigned char*>(bytes.data() + at);
     z.avail_in = static_cast<uInt>(piece);
@@ -47,6 +47,9 @@ Bytes Whole(const Bytes& bytes) {
       out.data(), out.size(), zelvarpack::net::ZlibFormat::kGzip, bytes.size() + 1);
   EXPECT_TRUE(back != nullptr &&
               Bytes(back->GetValue(), back->GetValue() + back->GetValueLength()) == bytes);
+  std::unique_ptr<CZelvarBuffer> helper =
+      zelvarpack::net::Compress(bytes.data(), bytes.size(), zelvarpack::net::ZlibFormat::kGzip);
+  EXPECT_TRUE(Bytes(helper->GetValue(), helper->GetValue() + helper->GetValueLength()) == out);
   return out;
 }
 
@@ -114,7 +117,7 @@ TEST(GzipPrefix, RandomCutPointsIncludingPieceBoundaries) {
       ends.push_back(end);
     }
     // Exact piece boundaries and their neighbours.
-    for (std::size_t edge : {4095u, 4096u, 4097u, 16384u, 32768u, 32769u, 65536u})
+    for (std::size_t edge : {4095u, 4096u, 16383u, 16384u, 16385u, 32767u, 32768u, 49152u, 65536u})
       ends.push_back(edge);
     ends.push_back(all.size());
     std::sort(ends.begin(), ends.end());
@@ -136,6 +139,29 @@ TEST(GzipPrefix, RealTextAndIncompressibleBytes) {
   for (std::size_t end = 1; end < all.size(); end += 4096) ends.push_back(end);
   ends.push_back(all.size());
   GrowAndCompare(all, ends);
+}
+
+// Mostly incompressible bytes make deflate store blocks, and whether a
+// block may be stored depends on where the window slid: the continued
+// stream must slide where the helper's own 16384-byte feeding does.
+TEST(GzipPrefix, StoredBlocksAcrossWindowSlides) {
+  for (unsigned seed = 20; seed < 26; ++seed) {
+    std::mt19937 generator(seed);
+    const Bytes text = Mixed(seed, 8000);
+    Bytes all;
+    while (all.size() < 25 * 4096) {
+      for (unsigned n = 3000 + generator() % 20000; n > 0; --n) {
+        all.push_back(static_cast<unsigned char>(generator()));
+      }
+      const std::size_t length = 200 + generator() % 3000;
+      all.insert(all.end(), text.begin(), text.begin() + static_cast<std::ptrdiff_t>(length));
+    }
+    all.resize(25 * 4096 - seed);
+    std::vector<std::size_t> ends;
+    for (std::size_t end = 1234 + seed; end < all.size(); end += 4096) ends.push_back(end);
+    ends.push_back(all.size());
+    GrowAndCompare(all, ends);
+  }
 }
 
 TEST(GzipPrefix, RefusesBytesNoLongerThanWhatItConsumed) {

@@ -1,5 +1,7 @@
 #include "store/sql_dialect.h"
 
+#include <array>
+
 #include "store/schema_files.h"  // generated from store/schema/*.sql
 
 namespace zelvarpack::store {
@@ -135,9 +137,21 @@ Dialect MakePostgresql() {
   d.lastIdentity = nullptr;
   // A cast to integer rounds; TRUNC first makes it truncate toward zero.
   // The column's expression is the one of the composite_open_bucket index.
+  // Each candidate's chunks are summed through the (composite_id, ordinal)
+  // index, in ordinal order: a join over the whole chunk table would be
+  // planned as a scan of it once the table has grown past the statistics
+  // a cached plan was made with, and the order makes the floating-point
+  // sum the same whichever plan runs.
   static const std::string find =
-      FindComposite("CAST(TRUNC(c.fft_rms * CAST(100 AS double precision)) AS integer)",
-                    "CAST(TRUNC(? * CAST(100 AS double precision)) AS integer)");
+      "SELECT c.composite_id, c.chunks, c.fft_rms, c.is_compressed, s.max_chunks_ordinal, "
+      "s.sum_chunks_fft_rms FROM composite c CROSS JOIN LATERAL (SELECT "
+      "MAX(ch.ordinal) AS max_chunks_ordinal, SUM(ch.fft_rms ORDER BY ch.ordinal) AS "
+      "sum_chunks_fft_rms, COUNT(*) AS chunk_rows FROM chunk ch "
+      "WHERE ch.composite_id = c.composite_id) s WHERE "
+      "CAST(TRUNC(c.fft_rms * CAST(100 AS double precision)) AS integer) = "
+      "CAST(TRUNC(CAST(? AS double precision) * CAST(100 AS double precision)) AS integer) "
+      "AND c.chunks < 25 AND s.chunk_rows > 0 "
+      "ORDER BY ABS(c.fft_rms - CAST(? AS double precision)), c.composite_id LIMIT 1";
   d.findComposite = find.c_str();
   // A file's chunks go through the store_append_chunks function of the
   // schema, many per call.
@@ -145,17 +159,23 @@ Dialect MakePostgresql() {
       "SELECT out_composite, out_chunks_before, out_compressed, out_start, out_fft, out_data "
       "FROM store_append_chunks(CAST(? AS integer), CAST(? AS double precision[]), "
       "CAST(? AS integer[]), CAST(? AS integer[]))";
-  static const std::string batch = [] {
-    std::string sql =
-        "UPDATE composite AS c SET data = v.data, is_compressed = v.is_compressed "
-        "FROM (VALUES ";
-    for (int row = 0; row < kDataBatchRows; ++row) {
-      if (row > 0) sql += ", ";
-      sql += "(CAST(? AS integer), CAST(? AS bytea), CAST(? AS boolean))";
+  static const std::array<std::string, kDataBatchSizes> batches = [] {
+    std::array<std::string, kDataBatchSizes> texts;
+    for (int size = 0; size < kDataBatchSizes; ++size) {
+      std::string& sql = texts[static_cast<std::size_t>(size)];
+      sql =
+          "UPDATE composite AS c SET data = v.data, is_compressed = v.is_compressed FROM (VALUES ";
+      for (int row = 0; row < DataBatchRows(size); ++row) {
+        if (row > 0) sql += ", ";
+        sql += "(CAST(? AS integer), CAST(? AS bytea), CAST(? AS boolean))";
+      }
+      sql += ") AS v (composite_id, data, is_compressed) WHERE c.composite_id = v.composite_id";
     }
-    return sql + ") AS v (composite_id, data, is_compressed) WHERE c.composite_id = v.composite_id";
+    return texts;
   }();
-  d.updateCompositeDataBatch = batch.c_str();
+  for (int size = 0; size < kDataBatchSizes; ++size) {
+    d.updateCompositeDataBatch[size] = batches[static_cast<std::size_t>(size)].c_str();
+  }
   d.longBinary = false;  // the driver maps variable binary to bytea
   d.tablesPresent =
       "SELECT (SELECT COUNT(*) FROM pg_catalog.pg_tables WHERE schemaname = current_schema() "

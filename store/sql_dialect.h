@@ -23,8 +23,9 @@ enum class Engine { kSqlServer, kSqlite, kPostgresql };
 // query run right after it.
 enum class IdentityFrom { kNextResult, kSameResult, kSeparateQuery };
 
-// Composites per updateCompositeDataBatch statement.
-constexpr int kDataBatchRows = 16;
+// The updateCompositeDataBatch statements write 2, 4, 8 or 16 composites.
+constexpr int kDataBatchSizes = 4;
+constexpr int DataBatchRows(int size) { return 2 << size; }
 
 // Columns of appendChunks's rows: the composite that took the chunk, its
 // chunks before (0 for a new one), its is_compressed flag, the chunk's
@@ -51,7 +52,8 @@ struct Dialect {
   const char* name;
   // Run first in every storing transaction, or null: serialises writers
   // where the engine would otherwise let two of them update one composite
-  // from the same old bytes.
+  // from the same old bytes. A transaction that stores its chunks through
+  // appendChunks leaves it out: that call takes the same lock first.
   const char* lockForWrite;
   // (original_size) -> file_id
   const char* insertFile;
@@ -81,9 +83,9 @@ struct Dialect {
   // one). New composites get empty data, to be written before the commit.
   // One row per chunk, see AppendColumns.
   const char* appendChunks;
-  // Or null. (composite_id, data, is_compressed) x kDataBatchRows: the
-  // deferred data writes of several composites in one statement.
-  const char* updateCompositeDataBatch;
+  // Or nulls. (composite_id, data, is_compressed) x DataBatchRows(size):
+  // the deferred data writes of several composites in one statement.
+  const char* updateCompositeDataBatch[kDataBatchSizes];
   // Binds composite data as a long binary (else as a variable binary).
   bool longBinary;
 

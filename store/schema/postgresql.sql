@@ -47,15 +47,22 @@ DECLARE
   found_row record;
   sent integer[] := p_held;
 BEGIN
+  -- Writers take turns for their whole transaction (see the store's
+  -- dialect); taking the lock again later in the transaction is free.
+  LOCK TABLE composite IN SHARE ROW EXCLUSIVE MODE;
   FOR i IN 1 .. COALESCE(array_length(p_fft, 1), 0) LOOP
+    -- The store's composite search; see the PostgreSQL statements in the
+    -- store's code for why the chunks are summed this way.
     SELECT c.composite_id AS id, c.chunks, c.is_compressed AS compressed,
-        MAX(ch.ordinal) AS max_ordinal, SUM(ch.fft_rms) AS sum_fft, SUM(ch.length) AS bytes
+        s.max_ordinal, s.sum_fft, s.bytes
       INTO found_row
-      FROM composite c INNER JOIN chunk ch ON c.composite_id = ch.composite_id
+      FROM composite c CROSS JOIN LATERAL (
+        SELECT MAX(ch.ordinal) AS max_ordinal, SUM(ch.fft_rms ORDER BY ch.ordinal) AS sum_fft,
+            SUM(ch.length) AS bytes, COUNT(*) AS chunk_rows
+          FROM chunk ch WHERE ch.composite_id = c.composite_id) s
       WHERE CAST(TRUNC(c.fft_rms * CAST(100 AS double precision)) AS integer) =
             CAST(TRUNC(p_fft[i] * CAST(100 AS double precision)) AS integer)
-        AND c.chunks < 25
-      GROUP BY c.composite_id, c.chunks, c.fft_rms, c.is_compressed
+        AND c.chunks < 25 AND s.chunk_rows > 0
       ORDER BY ABS(c.fft_rms - p_fft[i]), c.composite_id LIMIT 1;
     IF FOUND THEN
       out_composite := found_row.id;
