@@ -37,12 +37,10 @@ class StoredForm {
   // prefix of `plain`) the gzip form continues it; with `keepPrefix` the
   // form also keeps a stream over `plain` for a later append.
   bool Make(const Bytes& plain, const GzipPrefix* prefix = nullptr, bool keepPrefix = false) {
-    std::unique_ptr<GzipPrefix> fresh;
-    if (prefix == nullptr && keepPrefix) prefix = (fresh = GzipPrefix::Start()).get();
-    if (prefix == nullptr ||
-        !prefix->Finish(plain.data(), plain.size(), gzip_, keepPrefix ? &next_ : nullptr)) {
+    std::unique_ptr<GzipPrefix>* keep = keepPrefix ? &next_ : nullptr;
+    if (prefix == nullptr || !prefix->Finish(plain.data(), plain.size(), gzip_, keep)) {
       next_.reset();
-      if (!GzipOf(plain.data(), plain.size(), gzip_)) return false;
+      if (!GzipPrefix::Compress(plain.data(), plain.size(), gzip_, keep)) return false;
     }
     if (gzip_.empty()) return false;  // a gzip member is never empty
     compressed_ = gzip_.size() < plain.size();

@@ -135,14 +135,29 @@ std::size_t GzipPrefix::Footprint() const {
 bool GzipPrefix::Finish(const unsigned char* bytes, std::size_t count,
                         std::vector<unsigned char>& gzip, std::unique_ptr<GzipPrefix>* next) const {
   if (count <= consumed_) return false;
-  // The piece that gets Z_FINISH starts here.
-  const std::size_t lastStart = (count - 1) / kPiece * kPiece;
   std::unique_ptr<GzipPrefix> work(new GzipPrefix);
   if (deflateCopy(&work->stream_->z, &stream_->z) != Z_OK) return false;
   work->stream_->live = true;
   work->output_ = output_;
   work->consumed_ = consumed_;
-  for (; work->consumed_ < lastStart; work->consumed_ += kPiece) {
+  return Continue(std::move(work), bytes, count, gzip, next);
+}
+
+bool GzipPrefix::Compress(const unsigned char* bytes, std::size_t count,
+                          std::vector<unsigned char>& gzip, std::unique_ptr<GzipPrefix>* next) {
+  std::unique_ptr<GzipPrefix> work = Start();
+  return count > 0 && work != nullptr && Continue(std::move(work), bytes, count, gzip, next);
+}
+
+bool GzipPrefix::Continue(std::unique_ptr<GzipPrefix> work, const unsigned char* bytes,
+                          std::size_t count, std::vector<unsigned char>& gzip,
+                          std::unique_ptr<GzipPrefix>* next) {
+  // Whole pieces go in without a flush: all of them when a stream is to be
+  // kept (a string that ends on a piece boundary is then finished with no
+  // further input, which gives the same output), else all but the last.
+  const std::size_t flushFrom =
+      next != nullptr ? count / kPiece * kPiece : (count - 1) / kPiece * kPiece;
+  for (; work->consumed_ < flushFrom; work->consumed_ += kPiece) {
     if (!Feed(work->stream_->z, bytes + work->consumed_, kPiece, Z_NO_FLUSH, work->output_)) {
       return false;
     }
@@ -153,19 +168,13 @@ bool GzipPrefix::Finish(const unsigned char* bytes, std::size_t count,
     kept->stream_->live = true;
     kept->output_ = work->output_;
     kept->consumed_ = work->consumed_;
-    if (count - lastStart == kPiece) {
-      if (!Feed(kept->stream_->z, bytes + lastStart, kPiece, Z_NO_FLUSH, kept->output_)) {
-        return false;
-      }
-      kept->consumed_ = count;
-    }
     *next = std::move(kept);
   }
   gzip = std::move(work->output_);
   unsigned char area[kOutputArea];
   z_stream& z = work->stream_->z;
-  z.next_in = const_cast<unsigned char*>(bytes + lastStart);
-  z.avail_in = static_cast<uInt>(count - lastStart);
+  z.next_in = const_cast<unsigned char*>(bytes + flushFrom);
+  z.avail_in = static_cast<uInt>(count - flushFrom);
   int status;
   do {
     z.next_out = area;
@@ -175,11 +184,6 @@ bool GzipPrefix::Finish(const unsigned char* bytes, std::size_t count,
     gzip.insert(gzip.end(), area, area + (kOutputArea - z.avail_out));
   } while (z.avail_out == 0);
   return status == Z_STREAM_END;
-}
-
-bool GzipOf(const unsigned char* bytes, std::size_t count, std::vector<unsigned char>& gzip) {
-  std::unique_ptr<GzipPrefix> start = GzipPrefix::Start();
-  return start != nullptr && start->Finish(bytes, count, gzip, nullptr);
 }
 
 }  // namespace zelvarpack::store

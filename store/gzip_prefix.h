@@ -31,20 +31,26 @@ class GzipPrefix {
   bool Finish(const unsigned char* bytes, std::size_t count, std::vector<unsigned char>& gzip,
               std::unique_ptr<GzipPrefix>* next) const;
 
+  // Finish for a stream that has consumed nothing, without copying one:
+  // the gzip form of `count` (at least one) bytes, and in `next` a stream
+  // as Finish leaves it. False when zlib fails.
+  static bool Compress(const unsigned char* bytes, std::size_t count,
+                       std::vector<unsigned char>& gzip, std::unique_ptr<GzipPrefix>* next);
+
   // An estimate of the memory one stream holds.
   std::size_t Footprint() const;
 
  private:
   GzipPrefix();
+  // Finish with `work`, a stream of its own that consumed a prefix.
+  static bool Continue(std::unique_ptr<GzipPrefix> work, const unsigned char* bytes,
+                       std::size_t count, std::vector<unsigned char>& gzip,
+                       std::unique_ptr<GzipPrefix>* next);
   struct Stream;
   std::unique_ptr<Stream> stream_;
   std::vector<unsigned char> output_;  // what the stream emitted so far
   std::size_t consumed_ = 0;
 };
-
-// net::Compress's gzip form of `count` (at least one) bytes, made with the
-// streams of this class. False when zlib fails.
-bool GzipOf(const unsigned char* bytes, std::size_t count, std::vector<unsigned char>& gzip);
 
 }  // namespace zelvarpack::store
 

@@ -92,10 +92,15 @@ void GrowAndCompare(const Bytes& all, const std::vector<std::size_t>& ends) {
     ASSERT_EQ(gzip, Whole(part)) << "after " << end << " bytes";
     ASSERT_LE(next->consumed(), end);
     ASSERT_EQ(next->consumed() % 4096, 0u);
-    // Finishing again from the same stream gives the same answer.
+    // Finishing again from the same stream gives the same answer, and so
+    // does compressing from nothing.
     Bytes again;
     ASSERT_TRUE(prefix->Finish(part.data(), part.size(), again, nullptr));
     ASSERT_EQ(again, gzip);
+    std::unique_ptr<GzipPrefix> fresh;
+    ASSERT_TRUE(GzipPrefix::Compress(part.data(), part.size(), again, &fresh));
+    ASSERT_EQ(again, gzip);
+    ASSERT_EQ(fresh->consumed(), next->consumed());
     prefix = std::move(next);
   }
 }
