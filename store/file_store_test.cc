@@ -11,6 +11,7 @@
 #include <string>
 
 #include "net/zlib_codec.h"
+#include "store/session_pool.h"
 #include "tests/store_databases.h"
 #include "tests/temp_dir.h"
 #include "zelvarpack/zelvar_file_server.h"
@@ -49,6 +50,13 @@ std::string RealFile(const std::string& path) {
   return bytes;
 }
 
+std::string StoredBytes(const std::string& connection, std::int32_t id) {
+  std::vector<unsigned char> bytes;
+  std::string error;
+  EXPECT_TRUE(ReadStoredFile(connection, id, bytes, &error)) << error;
+  return std::string(bytes.begin(), bytes.end());
+}
+
 // A chunk of 184 bytes of value 57; its fingerprint (computed independently)
 // is 1.2396975339113712, so it truncates to 123 when x 100.
 const std::string kProbe(184, static_cast<char>(57));
@@ -73,13 +81,7 @@ class FileStore : public ::testing::TestWithParam<EngineCase> {
     return CZelvarFileServer::AddFile(handle_, reinterpret_cast<unsigned char*>(copy.data()),
                                       static_cast<std::int32_t>(copy.size()));
   }
-  std::string Read(std::int32_t id) const { return ReadFrom(connection_, id); }
-  static std::string ReadFrom(const std::string& connection, std::int32_t id) {
-    std::vector<unsigned char> bytes;
-    std::string error;
-    EXPECT_TRUE(ReadStoredFile(connection, id, bytes, &error)) << error;
-    return std::string(bytes.begin(), bytes.end());
-  }
+  std::string Read(std::int32_t id) const { return StoredBytes(connection_, id); }
   void Sql(const std::string& sql) const { ASSERT_EQ(ExecuteSql(connection_, sql), "") << sql; }
   std::int32_t CompositeOf(std::int32_t fileId) const {
     const std::vector<ChunkRow> rows = ChunkRowsOf(connection_, fileId);
@@ -369,6 +371,64 @@ TEST(FileStorePostgres, TwoProcessesAddAtOnce) {
     }
   }
   EXPECT_EQ(CountRows(db->Connection(), "file"), 12);
+}
+
+TEST(FileStorePostgres, KeptSessionsAreReusedAndReplacedOnceTheServerClosedThem) {
+  std::unique_ptr<StoreDatabase> db = NewPostgresDatabase();
+  if (db->Connection().empty()) GTEST_SKIP() << db->Why();
+  zelvarpack::store::SessionPool sessions;
+  StoreOptions options;
+  options.sessions = &sessions;
+  const std::string files[] = {RealFile("/usr/share/common-licenses/GPL-3"), RandomBytes(7, 9000),
+                               RealFile("/usr/share/common-licenses/GPL-2")};
+  const auto store = [&](const std::string& bytes) {
+    std::string error;
+    const std::int32_t id =
+        StoreFile(db->Connection(), reinterpret_cast<const unsigned char*>(bytes.data()),
+                  static_cast<std::int32_t>(bytes.size()), options, &error);
+    EXPECT_GT(id, 0) << error;
+    return id;
+  };
+  const auto sessionsOnServer = [&] {
+    return CountRows(db->Connection(),
+                     "pg_stat_activity WHERE datname = current_database() "
+                     "AND pid <> pg_backend_pid()");
+  };
+  const std::int32_t first = store(files[0]);
+  const std::int32_t second = store(files[1]);
+  EXPECT_EQ(sessions.idle(), 1u);
+  EXPECT_EQ(sessionsOnServer(), 1);  // both files went through one connection
+
+  // The server ends the kept session (a restart, an idle time-out): the next
+  // file is stored on a new one rather than failing.
+  ASSERT_EQ(ExecuteSql(db->Connection(),
+                       "SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE "
+                       "datname = current_database() AND pid <> pg_backend_pid()"),
+            "");
+  const std::int32_t third = store(files[2]);
+  EXPECT_EQ(sessions.idle(), 1u);
+  EXPECT_EQ(StoredBytes(db->Connection(), first), files[0]);
+  EXPECT_EQ(StoredBytes(db->Connection(), second), files[1]);
+  EXPECT_EQ(StoredBytes(db->Connection(), third), files[2]);
+}
+
+TEST(FileStorePostgres, ADatabaseWithoutTheChunkFunctionGetsItBack) {
+  // Tables made by an earlier version of the store, without the function.
+  std::unique_ptr<StoreDatabase> db = NewPostgresDatabase();
+  if (db->Connection().empty()) GTEST_SKIP() << db->Why();
+  const std::string text = RealFile("/usr/share/common-licenses/GPL-3");
+  const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+  const auto size = static_cast<std::int32_t>(text.size());
+  std::string error;
+  const std::int32_t first = StoreFile(db->Connection(), bytes, size, {}, &error);
+  ASSERT_GT(first, 0) << error;
+  ASSERT_EQ(ExecuteSql(db->Connection(), "DROP FUNCTION store_append_chunks"), "");
+  const std::int32_t second = StoreFile(db->Connection(), bytes, size, {}, &error);
+  ASSERT_GT(second, 0) << error;
+  EXPECT_EQ(StoredBytes(db->Connection(), second), text);
+  // The second copy's chunks joined the first's composites.
+  EXPECT_EQ(ChunkRowsOf(db->Connection(), second)[0].compositeId,
+            ChunkRowsOf(db->Connection(), first)[0].compositeId);
 }
 
 }  // namespace
