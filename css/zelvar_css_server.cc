@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -96,6 +97,8 @@ void CZelvarCssServer::AddSheet(std::string name, const unsigned char* bytes, st
   // not look for CR again.
   auto copy = std::make_unique<CZelvarBuffer>();
   const auto count = static_cast<std::size_t>(length);
+  // The buffer's 32-bit limit, checked before the copy is made.
+  if (ZelvarBufferBlocks::CapacityFor(count) > kAnySize) throw std::bad_alloc();
   std::size_t allocated = 0;
   std::unique_ptr<unsigned char, decltype(&std::free)> block(
       ZelvarBufferBlocks::Allocate(ZelvarBufferBlocks::CapacityFor(count), &allocated), &std::free);
