@@ -184,6 +184,94 @@ TEST(CssServer, SameNameIsAddedOnceAndInlineBlocksAreNumbered) {
   EXPECT_EQ(Output(server), "a{}c{}d{}");
 }
 
+std::string WithLineFeeds(std::string text) {
+  for (char& c : text) {
+    if (c == '\r') c = '\n';
+  }
+  return text;
+}
+
+// Sheets and inline parts are copied with CR turned into LF; every CR counts
+// as one LF, so CR LF is two line feeds wherever the pair is split: across
+// the copy's 64 KB pieces, across inline parts, across sheets.
+TEST(CssServer, CarriageReturnsAreLineFeedsInEveryPart) {
+  // A line continuation over CR LF ends in a second line feed, which breaks
+  // the string; a CR LF taken as one LF would continue it.
+  const std::string continued = "a{content:'x\\\r\ny'}b{c:d}";
+  EXPECT_EQ(Minify(continued), Minify(WithLineFeeds(continued)));
+  EXPECT_NE(Minify(continued), Minify("a{content:'x\\\ny'}b{c:d}"));
+
+  // A large sheet with CR, CR LF and broken strings on both sides of every
+  // 64 KB boundary.
+  std::string large;
+  while (large.size() < 3 * 65536 + 100) {
+    large +=
+        ".r" + std::to_string(large.size()) + " {\r\n  margin : 0;\r  content: 'a\\\r\nb' }\r\n";
+  }
+  for (const std::size_t boundary : {std::size_t{65536}, std::size_t{2 * 65536}}) {
+    large.replace(boundary - 3, 6, "\r\r\n\r\n\r");
+  }
+  std::string copy = large;
+  EXPECT_EQ(Minify(large), Minify(WithLineFeeds(large)));
+  EXPECT_EQ(large, copy) << "the caller's bytes stay as they were";
+
+  // Sheets ending in CR before sheets starting with LF, and inline parts
+  // split inside a CR LF pair.
+  const std::vector<std::string> parts = {"a{b:'c\\\r", "\nd'}\r", "\r", "\n", "e\\\r", "\nf"};
+  const auto combined = [&parts](bool lineFeeds) {
+    char cache[] = "";
+    CZelvarCssServer server(cache);
+    Add(server, "1.css", lineFeeds ? "p{q:'r\\\n" : "p{q:'r\\\r");
+    Add(server, "2.css", "\ns'}");
+    server.BeginInlineWork();
+    for (std::string part : parts) {
+      if (lineFeeds) part = WithLineFeeds(part);
+      server.AddInlineWork(reinterpret_cast<unsigned char*>(part.data()),
+                           static_cast<std::int32_t>(part.size()));
+    }
+    server.EndInlineWork();
+    server.DoWork();
+    return Output(server);
+  };
+  const std::string output = combined(false);
+  EXPECT_EQ(output, combined(true));
+  EXPECT_EQ(output.find('\r'), std::string::npos);
+}
+
+// The output is handed over in the block it was written in; it must still
+// behave like any buffer built by appending: capacity by the growth rule,
+// terminated, growable, freed by its owner. Small and huge-page outputs.
+TEST(CssServer, OutputIsAnOrdinaryBuffer) {
+  std::string large;
+  while (large.size() < (5u << 20)) large += ".x" + std::to_string(large.size()) + " { a : b }\n";
+  for (const std::string& source :
+       {std::string("a { b : c }"), std::string(200, ' ') + "x", std::string(), large}) {
+    SCOPED_TRACE(source.size());
+    char cache[] = "";
+    CZelvarCssServer server(cache);
+    Add(server, "s.css", source);
+    server.DoWork();
+    const std::string first = Output(server);
+    CZelvarBuffer expected;
+    expected.AddValue(first.data(), static_cast<std::int32_t>(first.size()));
+    CZelvarBuffer* output = server.GetOutput();
+    EXPECT_EQ(output->GetCapacity(), expected.GetCapacity());
+    EXPECT_EQ(output->GetValue()[output->GetValueLength()], 0);
+
+    const std::string tail(100000, 't');
+    output->AddValue("!", 1);
+    output->AddValue(tail.data(), static_cast<std::int32_t>(tail.size()));
+    expected.AddValue("!", 1);
+    expected.AddValue(tail.data(), static_cast<std::int32_t>(tail.size()));
+    EXPECT_EQ(output->GetCapacity(), expected.GetCapacity());
+    EXPECT_EQ(Output(server), first + "!" + tail);
+
+    // A second DoWork replaces (frees) it and gives the same text again.
+    server.DoWork();
+    EXPECT_EQ(Output(server), first);
+  }
+}
+
 // A large, compressible stylesheet and a tiny one whose gzip form is larger.
 std::string LargeSheet() {
   std::string css;

@@ -54,8 +54,9 @@ void CCssTokenizer::Tokenize(unsigned char* input, std::int32_t length) {
   input_ = input;
   length_ = static_cast<std::uint32_t>(length);
   // Preprocessing: CR becomes LF in place, so CR LF is two line feeds.
-  for (unsigned char* cr = length_ ? static_cast<unsigned char*>(std::memchr(input, '\r', length_))
-                                   : nullptr;
+  for (unsigned char* cr = length_ && !lineFeedsOnly
+                               ? static_cast<unsigned char*>(std::memchr(input, '\r', length_))
+                               : nullptr;
        cr != nullptr;
        cr = static_cast<unsigned char*>(std::memchr(cr + 1, '\r', input + length_ - cr - 1))) {
     *cr = '\n';

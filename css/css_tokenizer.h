@@ -74,8 +74,8 @@ class CCssTokenizer {
 
   // Runs the machine over input[0, length) from the data state, then takes
   // the end-of-input step of the state it stands in. Every CR in `input` is
-  // overwritten with LF first. A negative length, or no receiver, returns at
-  // once.
+  // overwritten with LF first (unless lineFeedsOnly says there is none). A negative length, or no
+  // receiver, returns at once.
   void Tokenize(unsigned char* input, std::int32_t length);
 
   CCssTokenizerEvents* events = nullptr;
@@ -83,6 +83,9 @@ class CCssTokenizer {
   // When set, whitespace between a name and "(" still makes a function. Off
   // unless a caller sets it.
   bool functionWhitespace = false;
+  // When set, the caller vouches that the input holds no CR, and Tokenize
+  // does not look for one. Off unless a caller sets it.
+  bool lineFeedsOnly = false;
 
  private:
   using Step = std::uint32_t (CCssTokenizer::*)(std::uint32_t pos);

@@ -1,10 +1,14 @@
 #include "zelvarpack/zelvar_css_server.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
+#include <new>
 #include <string_view>
 #include <utility>
 
+#include "core/buffer_blocks.h"
 #include "core/cache_files.h"
 #include "core/file_lock.h"
 #include "core/identifiers.h"
@@ -24,6 +28,30 @@ std::string_view Bytes(CZelvarBuffer& buffer) {
           static_cast<std::size_t>(buffer.GetValueLength())};
 }
 
+// Copies `count` bytes with every CR written as LF (so CR LF is two line
+// feeds, as the tokenizer's own preprocessing makes it). Piece by piece, so
+// that the search for CR reads bytes that are still in the cache.
+void CopyWithLineFeeds(unsigned char* to, const unsigned char* from, std::size_t count) {
+  constexpr std::size_t kPiece = 64 * 1024;
+  for (std::size_t done = 0; done < count;) {
+    const std::size_t n = std::min(kPiece, count - done);
+    unsigned char* piece = to + done;
+    std::memcpy(piece, from + done, n);
+    unsigned char* const end = piece + n;
+    for (auto* cr = static_cast<unsigned char*>(std::memchr(piece, '\r', n)); cr != nullptr;
+         cr = static_cast<unsigned char*>(std::memchr(cr + 1, '\r', end - cr - 1))) {
+      *cr = '\n';
+    }
+    done += n;
+  }
+}
+
+// Room for minified text a little longer than its source (relative url
+// references gain the sheet's folder) before the block has to grow.
+std::size_t OutputRoom(std::size_t source) {
+  return source + source / 32 + 256 + CZelvarBuffer::kSlack;
+}
+
 }  // namespace
 
 namespace zelvarpack::css {
@@ -37,6 +65,15 @@ void OutputText::Grow(std::size_t extra) {
   if (block == nullptr) throw std::bad_alloc();
   data_ = block;
   capacity_ = capacity;
+}
+
+void OutputText::Reallocate(std::size_t capacity) {
+  std::size_t allocated = 0;
+  unsigned char* block = ZelvarBufferBlocks::Allocate(capacity, &allocated);
+  if (size_ > 0) std::memcpy(block, data_, size_);
+  std::free(data_);
+  data_ = block;
+  capacity_ = allocated;
 }
 
 }  // namespace zelvarpack::css
@@ -56,8 +93,18 @@ void CZelvarCssServer::AddSheet(std::string name, const unsigned char* bytes, st
   if (length < 0 || (bytes == nullptr && length > 0)) return;
   // The set beside the list keeps the duplicate test O(1) per sheet.
   if (!state_->names.insert(name).second) return;
+  // The copy is made with CR already turned into LF, so the tokenizer need
+  // not look for CR again.
   auto copy = std::make_unique<CZelvarBuffer>();
-  copy->Append(bytes, length);
+  const auto count = static_cast<std::size_t>(length);
+  // The buffer's 32-bit limit, checked before the copy is made.
+  if (ZelvarBufferBlocks::CapacityFor(count) > kAnySize) throw std::bad_alloc();
+  std::size_t allocated = 0;
+  std::unique_ptr<unsigned char, decltype(&std::free)> block(
+      ZelvarBufferBlocks::Allocate(ZelvarBufferBlocks::CapacityFor(count), &allocated), &std::free);
+  CopyWithLineFeeds(block.get(), bytes, count);
+  ZelvarBufferBlocks::Adopt(*copy, block.get(), count, allocated);
+  block.release();
   state_->sheets.push_back({std::move(name), std::move(copy)});
 }
 
@@ -96,15 +143,17 @@ void CZelvarCssServer::DoWork() {
   output_ = std::make_unique<CZelvarBuffer>();
   state.entries.push_back(std::make_unique<CssOutputEntry>(CssOutputEntry::kText));
   text_ = &state.entries.back()->text;
-  // Minified text is rarely longer than its source: one block for all.
+  // Minified text is rarely longer than its source: one block for all, which
+  // becomes the output's block.
   std::size_t total = 0;
   for (const auto& sheet : state.sheets) total += sheet.bytes->GetValueLength();
-  text_->Reserve(total);
+  text_->Reserve(OutputRoom(total));
 
   for (auto& sheet : state.sheets) {
     SetBase(sheet.name);
     ResetMinifier();
     CCssConstructor constructor(this);
+    constructor.Tokenizer()->lineFeedsOnly = true;  // AddSheet turned CR into LF
     constructor.Tokenizer()->Tokenize(sheet.bytes->GetValue(), sheet.bytes->GetValueLength());
     constructor.events = nullptr;
   }
@@ -115,7 +164,18 @@ void CZelvarCssServer::DoWork() {
   // only.)
   for (auto& entry : state.entries) entry->abandoned.store(1);
 
-  for (auto& entry : state.entries) {
+  // The first entry is always text: its block becomes the output's, with the
+  // room the buffer's own growth rule would have given it.
+  zelvarpack::css::OutputText& first = state.entries.front()->text;
+  const std::size_t firstLength = first.size();
+  first.Reserve(ZelvarBufferBlocks::CapacityFor(firstLength) - firstLength);
+  std::size_t allocated = 0;
+  std::unique_ptr<unsigned char, decltype(&std::free)> block(first.Release(&allocated), &std::free);
+  ZelvarBufferBlocks::Adopt(*output_, block.get(), firstLength, allocated);
+  block.release();
+
+  for (std::size_t i = 1; i < state.entries.size(); ++i) {
+    const CssOutputEntry* entry = state.entries[i].get();
     if (entry->kind == CssOutputEntry::kText) {
       output_->Append(entry->text.data(), static_cast<std::int32_t>(entry->text.size()));
     } else {

@@ -35,6 +35,8 @@ class ZP_EXPORT CZelvarBuffer {
   std::int32_t GetCapacity() const { return capacity; }
 
  private:
+  friend class ZelvarBufferBlocks;  // core/buffer_blocks.h: hands over filled blocks
+
   unsigned char* data;
   std::int32_t length;
   // The size the exported rule gives the block; what callers can observe.

@@ -1,0 +1,40 @@
+// Blocks of memory for CZelvarBuffer that are filled outside the buffer and
+// then handed to it without a copy: the stylesheet minifier writes its output
+// text and its copies of the sheets straight into such blocks.
+//
+// A block of 4 MB or more is 2 MB-aligned, rounded up to whole 2 MB pages and
+// marked for transparent huge pages, so that filling it takes a page fault
+// per 2 MB instead of one per 4 KB. Every block, whatever its size, is freed
+// and resized with std::free and std::realloc, like the buffer's own blocks.
+#ifndef ZELVARPACK_CORE_BUFFER_BLOCKS_H_
+#define ZELVARPACK_CORE_BUFFER_BLOCKS_H_
+
+#include <cstddef>
+#include <cstdint>
+
+#include "zelvarpack/zelvar_buffer.h"
+
+class ZelvarBufferBlocks {
+ public:
+  static constexpr std::size_t kHugePage = std::size_t{2} << 20;
+  static constexpr std::size_t kHugeThreshold = std::size_t{4} << 20;
+
+  // A block of at least `size` bytes (at least one); `*allocated` receives
+  // the usable size. Throws std::bad_alloc when memory is short.
+  static unsigned char* Allocate(std::size_t size, std::size_t* allocated);
+
+  // The capacity CZelvarBuffer reports after one append of `length` bytes to
+  // a new buffer; a block given to Adopt needs at least this many bytes.
+  static std::size_t CapacityFor(std::size_t length);
+
+  // Gives `block` (from Allocate or std::malloc/realloc, `allocated` bytes,
+  // its first `length` bytes the content) to `buffer`, which frees its own
+  // block. The buffer then reads as if the content had been appended to a
+  // new buffer: same length and capacity, the byte after the content 0.
+  // REQUIRES: allocated >= CapacityFor(length) and allocated fits in 32 bits;
+  // otherwise throws std::bad_alloc and `block` still belongs to the caller.
+  static void Adopt(CZelvarBuffer& buffer, unsigned char* block, std::size_t length,
+                    std::size_t allocated);
+};
+
+#endif  // ZELVARPACK_CORE_BUFFER_BLOCKS_H_
