@@ -71,6 +71,11 @@ void DrawScaled(RgbaImage& sheet, const RgbaImage& source, std::int32_t x, std::
 // has at most 256 colours, else as RGB when it is opaque, else as RGBA.
 bool EncodePng(const RgbaImage& image, std::string& out);
 
+// EncodePng with the row filter of true-colour images fixed to `filter`
+// (0 none, 1 sub, 2 up, 3 average, 4 Paeth) rather than chosen from sample
+// rows; -1 chooses as EncodePng does. Lets tests reach every filter.
+bool EncodePngFiltered(const RgbaImage& image, int filter, std::string& out);
+
 // Baseline JPEG of the colour channels (alpha ignored) at `quality` from 0
 // to 100 (0 is taken as 1, the lowest the encoder has).
 bool EncodeJpeg(const RgbaImage& image, int quality, std::string& out);
