@@ -198,22 +198,30 @@ ComposedSheet ComposeSheet(std::int32_t kind, const std::vector<const ImageRecor
                   size.width * size.height <= kMaxSheetPixels;
   if (!composed.fits) return composed;
 
-  RgbaImage sheet =
-      zelvarpack::image::NewCanvas(static_cast<std::int32_t>(size.width),
-                                   static_cast<std::int32_t>(size.height), 255, 255, 255, 0);
+  std::vector<zelvarpack::image::Placement> placements;
+  placements.reserve(records.size());
   for (std::size_t i = 0; i < records.size(); ++i) {
     const ImageRecord& record = *records[i];
-    zelvarpack::image::DrawScaled(
-        sheet, record.image, composed.cells[i].x + static_cast<std::int32_t>(record.marginLeft),
-        composed.cells[i].y + static_cast<std::int32_t>(record.marginTop), record.width,
-        record.height);
+    placements.push_back({&record.image,
+                          composed.cells[i].x + static_cast<std::int32_t>(record.marginLeft),
+                          composed.cells[i].y + static_cast<std::int32_t>(record.marginTop),
+                          record.width, record.height});
   }
+  const auto width = static_cast<std::int32_t>(size.width);
+  const auto height = static_cast<std::int32_t>(size.height);
   if (kSets[static_cast<std::size_t>(kind)].encodePng) {
+    RgbaImage sheet = zelvarpack::image::NewCanvas(width, height, 255, 255, 255, 0);
+    for (const zelvarpack::image::Placement& placement : placements) {
+      zelvarpack::image::DrawScaled(sheet, *placement.source, placement.x, placement.y,
+                                    placement.width, placement.height);
+    }
     zelvarpack::image::EncodePng(sheet, composed.encoded);
   } else {
+    // Drawn band by band inside each encoding; the alpha of the blank canvas
+    // never reached a JPEG sheet, so opaque white is the same sheet.
     zelvarpack::image::SearchJpegQuality(
         [&](int quality, std::string& out) {
-          return zelvarpack::image::EncodeJpeg(sheet, quality, out);
+          return zelvarpack::image::EncodeJpegSheet(width, height, placements, quality, out);
         },
         sourceBytes, composed.encoded);
   }
