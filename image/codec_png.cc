@@ -17,7 +17,6 @@
 #include <cstring>
 #include <memory>
 #include <new>
-#include <unordered_map>
 
 #include "image/codec.h"
 
@@ -47,8 +46,14 @@ class PngImage {
 // colours.
 bool MakePalette(const RgbaImage& image, std::vector<std::uint8_t>& indices,
                  std::vector<std::uint8_t>& palette) {
-  std::unordered_map<std::uint32_t, std::uint8_t> slots;
+  // Colour to slot: open addressing with linear probing in a table four
+  // times the largest palette, so that probes stay short.
+  constexpr std::size_t kTableSize = 1024;
+  std::array<std::uint32_t, kTableSize> keys{};
+  std::array<std::int16_t, kTableSize> values;
+  values.fill(-1);
   std::vector<std::uint32_t> colours;
+  colours.reserve(256);
   const std::size_t count = image.pixels.size() / 4;
   indices.resize(count);
   std::uint32_t last = 0;
@@ -58,13 +63,15 @@ bool MakePalette(const RgbaImage& image, std::vector<std::uint8_t>& indices,
     std::uint32_t colour;
     std::memcpy(&colour, image.pixels.data() + 4 * i, 4);
     if (!haveLast || colour != last) {
-      const auto found = slots.find(colour);
-      if (found != slots.end()) {
-        lastSlot = found->second;
+      std::size_t at = (colour * 0x9E3779B1u) >> 22;
+      while (values[at] >= 0 && keys[at] != colour) at = (at + 1) % kTableSize;
+      if (values[at] >= 0) {
+        lastSlot = static_cast<std::uint8_t>(values[at]);
       } else {
         if (colours.size() == 256) return false;
         lastSlot = static_cast<std::uint8_t>(colours.size());
-        slots.emplace(colour, lastSlot);
+        keys[at] = colour;
+        values[at] = lastSlot;
         colours.push_back(colour);
       }
       last = colour;
