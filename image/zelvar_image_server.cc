@@ -232,22 +232,30 @@ ComposedSheet ComposeSheet(std::int32_t kind, const std::vector<const ImageRecor
 
 void CZelvarImageServer::State::StartAhead(std::int32_t kind) {
   ImageSet& set = sets[static_cast<std::size_t>(kind)];
-  // The job works from a copy of the record list and the source size taken
-  // now: routing may go on meanwhile. Should the set grow, TakeAhead drops
-  // the result.
-  std::vector<const ImageRecord*> records(set.records.begin(), set.records.end());
-  const std::size_t sourceBytes = set.source.size();
-  set.ahead = std::make_unique<SheetAhead>();
-  SheetAhead* ahead = set.ahead.get();
-  pool.Submit([kind, records = std::move(records), sourceBytes, ahead] {
-    try {
-      ahead->sheet = ComposeSheet(kind, records, sourceBytes);
-      ahead->made = true;
-    } catch (const std::bad_alloc&) {
-      ahead->made = false;  // composed again when the set is built
-    }
-    ahead->finished.store(true, std::memory_order_release);
-  });
+  try {
+    // The job works from a copy of the record list and the source size
+    // taken now: routing may go on meanwhile. Should the set grow, TakeAhead
+    // drops the result.
+    std::vector<const ImageRecord*> records(set.records.begin(), set.records.end());
+    const std::size_t sourceBytes = set.source.size();
+    set.ahead = std::make_unique<SheetAhead>();
+    SheetAhead* ahead = set.ahead.get();
+    pool.Submit([kind, records = std::move(records), sourceBytes, ahead] {
+      try {
+        ahead->sheet = ComposeSheet(kind, records, sourceBytes);
+        ahead->made = true;
+      } catch (const std::bad_alloc&) {
+        ahead->made = false;  // composed again when the set is built
+      }
+      ahead->finished.store(true, std::memory_order_release);
+    });
+  } catch (const std::bad_alloc&) {
+    // Working ahead is only a saving. Out of memory, the job may or may not
+    // have been queued: once every queued job has ended, one that never ran
+    // is forgotten, and the set is composed when it is built.
+    pool.WaitIdle();
+    if (set.ahead && !set.ahead->finished.load(std::memory_order_acquire)) set.ahead.reset();
+  }
 }
 
 std::unique_ptr<SheetAhead> CZelvarImageServer::State::TakeAhead(ImageSet& set) {
