@@ -136,8 +136,8 @@ libdeflate_compressor* Compressor() {
 // row). Writes the filter byte and the filtered row to `out`. The pixel size
 // is a template argument so that the loops compile to straight-line code.
 template <std::size_t Bpp>
-void FilterRowOf(int type, const std::uint8_t* row, const std::uint8_t* prior, std::size_t length,
-                 std::uint8_t* out) {
+void FilterRowOf(int type, const std::uint8_t* __restrict row, const std::uint8_t* __restrict prior,
+                 std::size_t length, std::uint8_t* __restrict out) {
   *out++ = static_cast<std::uint8_t>(type);
   const std::size_t head = std::min(Bpp, length);
   switch (type) {
@@ -159,14 +159,17 @@ void FilterRowOf(int type, const std::uint8_t* row, const std::uint8_t* prior, s
       return;
     default:
       for (std::size_t i = 0; i < head; ++i) out[i] = row[i] - prior[i];
+      // Branch-free on 16-bit values, so that the loop vectorises.
       for (std::size_t i = Bpp; i < length; ++i) {
-        const int a = row[i - Bpp], b = prior[i], c = prior[i - Bpp];
-        const int pa = std::abs(b - c);          // |p - a| with p = a + b - c
-        const int pb = std::abs(a - c);          // |p - b|
-        const int pc = std::abs(a + b - 2 * c);  // |p - c|
-        const int nearer = pb <= pc ? b : c;
-        const int predictor = pa <= pb && pa <= pc ? a : nearer;
-        out[i] = row[i] - static_cast<std::uint8_t>(predictor);
+        const std::int16_t a = row[i - Bpp], b = prior[i], c = prior[i - Bpp];
+        const std::int16_t towardA = b - c, towardB = a - c;  // p - a and p - b, p = a + b - c
+        const std::int16_t towardC = towardA + towardB;       // p - c
+        const std::int16_t pa = towardA < 0 ? -towardA : towardA;
+        const std::int16_t pb = towardB < 0 ? -towardB : towardB;
+        const std::int16_t pc = towardC < 0 ? -towardC : towardC;
+        const std::int16_t nearer = pb <= pc ? b : c;
+        const std::int16_t predictor = pa <= pb && pa <= pc ? a : nearer;
+        out[i] = static_cast<std::uint8_t>(row[i] - predictor);
       }
       return;
   }
