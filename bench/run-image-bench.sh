@@ -19,10 +19,12 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 icons=/usr/share/apache2/icons
 photos=/usr/share/doc/imagemagick-6-common/html
+# sed rather than head: head may leave before sort has written everything,
+# and with pipefail that SIGPIPE would end the script.
 {
-  find "$icons" -maxdepth 1 -name '*.gif' | sort | head -50
-  find "$icons" -maxdepth 1 -name '*.png' | sort | head -50
-  find "$photos" -name '*.jpg' -size -40k -printf '%s %p\n' | sort -n | head -20 | cut -d' ' -f2-
+  find "$icons" -maxdepth 1 -name '*.gif' | sort | sed -n '1,50p'
+  find "$icons" -maxdepth 1 -name '*.png' | sort | sed -n '1,50p'
+  find "$photos" -name '*.jpg' -size -40k -printf '%s %p\n' | sort -n | sed -n '1,20p' | cut -d' ' -f2-
 } >"$work/list"
 echo "images: $(grep -c . "$work/list") ($(grep -c '\.jpg$' "$work/list") photos)"
 

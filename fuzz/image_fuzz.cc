@@ -2,11 +2,13 @@
 // byte picks the path (sniffed dispatch, or one decoder forced); the rest is
 // the file. Besides the sanitizers' checks it asserts: a decoded image is
 // within the limits with exactly width * height pixels, and a small one
-// survives a PNG round trip and a scaled draw unchanged in size.
+// survives a PNG round trip and a scaled draw unchanged in size, and its
+// JPEG sheet comes out the same drawn in bands or whole.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "image/codec.h"
 #include "image/sprite_sheet.h"
@@ -64,5 +66,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   DrawScaled(sheet, image, 1, 1, image.width + 1, image.height * 2);
   Check(sheet.pixels.size() ==
         static_cast<std::size_t>(image.width + 3) * (image.height * 2 + 1) * 4);
+
+  // A JPEG sheet drawn band by band equals the one drawn whole first.
+  const std::vector<Placement> placements = {{&image, 1, 1, image.width + 1, image.height * 2},
+                                             {&image, -1, image.height, image.width, 3}};
+  RgbaImage canvas = NewCanvas(sheet.width, sheet.height, 255, 255, 255, 0);
+  for (const Placement& p : placements) DrawScaled(canvas, *p.source, p.x, p.y, p.width, p.height);
+  std::string whole, banded;
+  const int quality = data[0] % 2 == 0 ? 85 : 0;
+  Check(EncodeJpeg(canvas, quality, whole));
+  Check(EncodeJpegSheet(canvas.width, canvas.height, placements, quality, banded));
+  Check(whole == banded);
   return 0;
 }

@@ -10,18 +10,45 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <new>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace zelvarpack::image {
 
 enum class ImageFormat { kUnknown, kGif, kJpeg, kPng };
 
+// An allocator whose resize leaves new bytes unset: pixel buffers are
+// always written whole (by a decoder or a fill) right after they are sized,
+// so clearing them first would be wasted work.
+template <typename T>
+struct UnsetAllocator : std::allocator<T> {
+  template <typename U>
+  struct rebind {
+    using other = UnsetAllocator<U>;
+  };
+  UnsetAllocator() = default;
+  template <typename U>
+  UnsetAllocator(const UnsetAllocator<U>&) noexcept {}
+  template <typename U>
+  void construct(U* at) noexcept {
+    ::new (static_cast<void*>(at)) U;
+  }
+  template <typename U, typename... Args>
+  void construct(U* at, Args&&... args) {
+    ::new (static_cast<void*>(at)) U(std::forward<Args>(args)...);
+  }
+};
+
+using PixelBytes = std::vector<std::uint8_t, UnsetAllocator<std::uint8_t>>;
+
 // Pixels row by row, top to bottom, four bytes each: R, G, B, A.
 struct RgbaImage {
   std::int32_t width = 0;
   std::int32_t height = 0;
-  std::vector<std::uint8_t> pixels;
+  PixelBytes pixels;
 
   std::uint8_t* At(std::int32_t x, std::int32_t y) {
     return pixels.data() + (static_cast<std::size_t>(y) * static_cast<std::size_t>(width) +
@@ -70,6 +97,27 @@ void DrawScaled(RgbaImage& sheet, const RgbaImage& source, std::int32_t x, std::
 // Lossless PNG of `image`, alpha kept. Written as a palette image when it
 // has at most 256 colours, else as RGB when it is opaque, else as RGBA.
 bool EncodePng(const RgbaImage& image, std::string& out);
+
+// EncodePng with the row filter of true-colour images fixed to `filter`
+// (0 none, 1 sub, 2 up, 3 average, 4 Paeth) rather than chosen from sample
+// rows; -1 chooses as EncodePng does. Lets tests reach every filter.
+bool EncodePngFiltered(const RgbaImage& image, int filter, std::string& out);
+
+// One image's place in a sheet that is drawn as it is encoded: `source`
+// drawn as DrawScaled(sheet, *source, x, y, width, height) would.
+struct Placement {
+  const RgbaImage* source;
+  std::int32_t x;
+  std::int32_t y;
+  std::int32_t width;
+  std::int32_t height;
+};
+
+// The same bytes as EncodeJpeg of a width x height canvas of opaque white
+// with every placement drawn on it in order, but drawn and encoded 32 rows
+// at a time, so that the whole canvas never exists.
+bool EncodeJpegSheet(std::int32_t width, std::int32_t height,
+                     const std::vector<Placement>& placements, int quality, std::string& out);
 
 // Baseline JPEG of the colour channels (alpha ignored) at `quality` from 0
 // to 100 (0 is taken as 1, the lowest the encoder has).

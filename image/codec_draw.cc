@@ -42,8 +42,14 @@ RgbaImage NewCanvas(std::int32_t width, std::int32_t height, std::uint8_t r, std
   canvas.height = std::max(height, 0);
   const std::size_t count = static_cast<std::size_t>(canvas.width) * canvas.height;
   canvas.pixels.resize(count * 4);
+  if (count == 0) return canvas;
+  // One pixel, then the filled part doubled until the canvas is full.
   const std::uint8_t colour[4] = {r, g, b, a};
-  for (std::size_t i = 0; i < count; ++i) std::memcpy(canvas.pixels.data() + 4 * i, colour, 4);
+  std::uint8_t* const bytes = canvas.pixels.data();
+  std::memcpy(bytes, colour, 4);
+  for (std::size_t filled = 4, total = count * 4; filled < total; filled *= 2) {
+    std::memcpy(bytes + filled, bytes, std::min(filled, total - filled));
+  }
   return canvas;
 }
 

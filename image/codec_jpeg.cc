@@ -3,9 +3,11 @@
 // function that started the work. Those functions hold no object with a
 // destructor, and no C++ frame lies between them and libjpeg, so the jump
 // skips nothing. Everything that owns memory lives in the callers.
+#include <algorithm>
 #include <csetjmp>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <new>
 
@@ -132,8 +134,32 @@ bool DecodeRaw(const std::uint8_t* bytes, std::size_t count, PixelSink* sink) {
   return true;
 }
 
+// Rows for the encoder: either an image's own rows, or a band of `band`
+// rows drawn from placements as the encoder asks for them.
+struct RowSource {
+  const RgbaImage* image;  // whole image, when not null
+  const std::vector<Placement>* placements;
+  RgbaImage* band;
+};
+
+constexpr std::int32_t kBandRows = 32;
+
+// Fills `band` with sheet rows from `top` on: opaque white, then every
+// placement that reaches those rows.
+void DrawBand(RgbaImage& band, std::int32_t top, const std::vector<Placement>& placements) {
+  std::uint8_t* const bytes = band.pixels.data();
+  const std::size_t total = band.pixels.size();
+  std::memset(bytes, 255, total);
+  for (const Placement& placement : placements) {
+    if (placement.y >= top + band.height || placement.y + placement.height <= top) continue;
+    DrawScaled(band, *placement.source, placement.x, placement.y - top, placement.width,
+               placement.height);
+  }
+}
+
 // On success `*buffer` holds `*size` bytes allocated with malloc.
-bool EncodeRaw(const RgbaImage* image, int quality, unsigned char** buffer, unsigned long* size) {
+bool EncodeRaw(std::int32_t width, std::int32_t height, const RowSource* rows, int quality,
+               unsigned char** buffer, unsigned long* size) {
   jpeg_compress_struct info;
   ErrorTrap trap;
   info.err = &trap.manager;
@@ -144,22 +170,53 @@ bool EncodeRaw(const RgbaImage* image, int quality, unsigned char** buffer, unsi
   }
   jpeg_create_compress(&info);
   jpeg_mem_dest(&info, buffer, size);
-  info.image_width = static_cast<JDIMENSION>(image->width);
-  info.image_height = static_cast<JDIMENSION>(image->height);
+  info.image_width = static_cast<JDIMENSION>(width);
+  info.image_height = static_cast<JDIMENSION>(height);
   info.input_components = 4;
   info.in_color_space = JCS_EXT_RGBX;
   jpeg_set_defaults(&info);
   jpeg_set_quality(&info, quality < 1 ? 1 : quality, TRUE);
   info.optimize_coding = TRUE;
   jpeg_start_compress(&info, TRUE);
-  const std::size_t stride = static_cast<std::size_t>(image->width) * 4;
+  const std::size_t stride = static_cast<std::size_t>(width) * 4;
+  JSAMPROW pointers[kBandRows];
   while (info.next_scanline < info.image_height) {
-    JSAMPROW row = const_cast<JSAMPROW>(image->pixels.data() + stride * info.next_scanline);
-    jpeg_write_scanlines(&info, &row, 1);
+    const auto top = static_cast<std::int32_t>(info.next_scanline);
+    const std::int32_t count = std::min(kBandRows, height - top);
+    const std::uint8_t* first;
+    if (rows->image != nullptr) {
+      first = rows->image->pixels.data() + stride * static_cast<std::size_t>(top);
+    } else {
+      rows->band->height = count;  // the last band may be short
+      DrawBand(*rows->band, top, *rows->placements);
+      first = rows->band->pixels.data();
+    }
+    for (std::int32_t i = 0; i < count; ++i) {
+      pointers[i] = const_cast<JSAMPROW>(first + stride * static_cast<std::size_t>(i));
+    }
+    JDIMENSION done = 0;
+    while (done < static_cast<JDIMENSION>(count)) {
+      done += jpeg_write_scanlines(&info, pointers + done, static_cast<JDIMENSION>(count) - done);
+    }
   }
   jpeg_finish_compress(&info);
   jpeg_destroy_compress(&info);
   return true;
+}
+
+bool EncodeRows(std::int32_t width, std::int32_t height, const RowSource& rows, int quality,
+                std::string& out) {
+  out.clear();
+  if (width <= 0 || height <= 0) return false;
+  unsigned char* buffer = nullptr;
+  unsigned long size = 0;
+  const bool ok = EncodeRaw(width, height, &rows, quality, &buffer, &size);
+  struct Free {
+    void operator()(unsigned char* p) const { std::free(p); }
+  };
+  const std::unique_ptr<unsigned char, Free> owned(buffer);
+  if (ok) out.assign(reinterpret_cast<const char*>(buffer), size);
+  return ok;
 }
 
 }  // namespace
@@ -175,17 +232,25 @@ bool DecodeJpeg(const std::uint8_t* bytes, std::size_t count, const DecodeLimits
 }
 
 bool EncodeJpeg(const RgbaImage& image, int quality, std::string& out) {
-  out.clear();
-  if (image.width <= 0 || image.height <= 0) return false;
-  unsigned char* buffer = nullptr;
-  unsigned long size = 0;
-  const bool ok = EncodeRaw(&image, quality, &buffer, &size);
-  struct Free {
-    void operator()(unsigned char* p) const { std::free(p); }
-  };
-  const std::unique_ptr<unsigned char, Free> owned(buffer);
-  if (ok) out.assign(reinterpret_cast<const char*>(buffer), size);
-  return ok;
+  if (image.pixels.size() !=
+      static_cast<std::size_t>(std::max(image.width, 0)) * std::max(image.height, 0) * 4) {
+    out.clear();
+    return false;
+  }
+  return EncodeRows(image.width, image.height, {&image, nullptr, nullptr}, quality, out);
+}
+
+bool EncodeJpegSheet(std::int32_t width, std::int32_t height,
+                     const std::vector<Placement>& placements, int quality, std::string& out) {
+  if (width <= 0 || height <= 0) {
+    out.clear();
+    return false;
+  }
+  RgbaImage band;
+  band.width = width;
+  band.height = std::min(kBandRows, height);
+  band.pixels.resize(static_cast<std::size_t>(width) * static_cast<std::size_t>(band.height) * 4);
+  return EncodeRows(width, height, {nullptr, &placements, &band}, quality, out);
 }
 
 }  // namespace zelvarpack::image

@@ -140,5 +140,35 @@ TEST(ImageCodec, ScaledDrawingStaysInsideItsRectangle) {
   EXPECT_GT(wide.At(4, 0)[2], 0);  // blended in between
 }
 
+// Drawing band by band inside the encoder gives the bytes of drawing the
+// whole sheet first: placements across band edges, scaled, translucent,
+// partly outside the sheet, and sheets whose last band is short.
+TEST(ImageCodec, JpegSheetDrawnInBandsEqualsTheWholeCanvas) {
+  RgbaImage translucent = Photo(13, 40, 31);
+  for (std::size_t i = 3; i < translucent.pixels.size(); i += 28) translucent.pixels[i] = 0;
+  const RgbaImage photo = Photo(50, 33, 32);
+  const RgbaImage checker = Checker(7, 9);
+  for (const auto& [width, height] : {std::pair{64, 31}, std::pair{64, 32}, std::pair{91, 97}}) {
+    SCOPED_TRACE(height);
+    const std::vector<Placement> placements = {
+        {&photo, 0, 0, 50, 33},   {&translucent, 52, 20, 13, 40},   {&checker, 2, 35, 30, 50},
+        {&photo, 40, 60, 70, 45}, {&checker, -3, height - 4, 7, 9},
+    };
+    RgbaImage canvas = NewCanvas(width, height, 255, 255, 255, 0);
+    for (const Placement& p : placements) {
+      DrawScaled(canvas, *p.source, p.x, p.y, p.width, p.height);
+    }
+    for (const int quality : {85, 0}) {
+      std::string whole, banded;
+      ASSERT_TRUE(EncodeJpeg(canvas, quality, whole));
+      ASSERT_TRUE(EncodeJpegSheet(width, height, placements, quality, banded));
+      EXPECT_EQ(whole, banded);
+    }
+  }
+  std::string out = "left over";
+  EXPECT_FALSE(EncodeJpegSheet(0, 5, {}, 80, out));
+  EXPECT_TRUE(out.empty());
+}
+
 }  // namespace
 }  // namespace zelvarpack::image

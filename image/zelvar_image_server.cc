@@ -77,11 +77,32 @@ struct ImageRecord {
   CZelvarImageEntry entry{};
 };
 
+// A set's sheet as packed, drawn and encoded from the set's first
+// `recordCount` records; `encoded` is empty when the sheet does not fit or
+// could not be encoded.
+struct ComposedSheet {
+  std::size_t recordCount = 0;
+  std::vector<Cell> cells;
+  SheetSize size;
+  bool fits = false;
+  std::string encoded;
+};
+
+// A sheet composed ahead of its BuildSheet on the pool. The job writes
+// `sheet` and `made`, then sets `finished`; the owner reads them only after
+// seeing `finished` true.
+struct SheetAhead {
+  ComposedSheet sheet;
+  bool made = false;  // false when the job ran out of memory
+  std::atomic<bool> finished{false};
+};
+
 struct ImageSet {
   std::vector<ImageRecord*> records;  // in routing order
   std::string source;                 // the sources, concatenated in routing order
   bool done = false;
   std::string id;
+  std::unique_ptr<SheetAhead> ahead;
 };
 
 struct CZelvarImageServer::State {
@@ -102,6 +123,10 @@ struct CZelvarImageServer::State {
   void Decode(ImageRecord& record);
   bool Accept(ImageRecord& record);
   std::string Build(std::int32_t kind);
+  void StartAhead(std::int32_t kind);
+  // Waits for the set's sheet made ahead, if one was started, and returns it
+  // when it is still the sheet of the whole set.
+  std::unique_ptr<SheetAhead> TakeAhead(ImageSet& set);
   CZelvarImages* Read(const std::string& folder, const std::string& id) const;
 };
 
@@ -152,55 +177,133 @@ bool CZelvarImageServer::State::Accept(ImageRecord& record) {
   return true;
 }
 
+namespace {
+
+// Packs, draws and encodes a sheet from `records` (read only: their images
+// stay). Safe on any thread while the owner goes on routing other images.
+ComposedSheet ComposeSheet(std::int32_t kind, const std::vector<const ImageRecord*>& records,
+                           std::size_t sourceBytes) {
+  ComposedSheet composed;
+  composed.recordCount = records.size();
+  composed.cells.reserve(records.size());
+  for (const ImageRecord* record : records) {
+    composed.cells.push_back(
+        {static_cast<std::int32_t>(record->marginLeft + record->width + record->marginRight),
+         static_cast<std::int32_t>(record->marginTop + record->height + record->marginBottom), 0,
+         0});
+  }
+  const SheetSize size = zelvarpack::image::PackCells(composed.cells, kMaxSheetSide);
+  composed.size = size;
+  composed.fits = size.width <= kMaxSheetSide && size.height <= kMaxSheetSide &&
+                  size.width * size.height <= kMaxSheetPixels;
+  if (!composed.fits) return composed;
+
+  std::vector<zelvarpack::image::Placement> placements;
+  placements.reserve(records.size());
+  for (std::size_t i = 0; i < records.size(); ++i) {
+    const ImageRecord& record = *records[i];
+    placements.push_back({&record.image,
+                          composed.cells[i].x + static_cast<std::int32_t>(record.marginLeft),
+                          composed.cells[i].y + static_cast<std::int32_t>(record.marginTop),
+                          record.width, record.height});
+  }
+  const auto width = static_cast<std::int32_t>(size.width);
+  const auto height = static_cast<std::int32_t>(size.height);
+  if (kSets[static_cast<std::size_t>(kind)].encodePng) {
+    RgbaImage sheet = zelvarpack::image::NewCanvas(width, height, 255, 255, 255, 0);
+    for (const zelvarpack::image::Placement& placement : placements) {
+      zelvarpack::image::DrawScaled(sheet, *placement.source, placement.x, placement.y,
+                                    placement.width, placement.height);
+    }
+    zelvarpack::image::EncodePng(sheet, composed.encoded);
+  } else {
+    // Drawn band by band inside each encoding; the alpha of the blank canvas
+    // never reached a JPEG sheet, so opaque white is the same sheet.
+    zelvarpack::image::SearchJpegQuality(
+        [&](int quality, std::string& out) {
+          return zelvarpack::image::EncodeJpegSheet(width, height, placements, quality, out);
+        },
+        sourceBytes, composed.encoded);
+  }
+  return composed;
+}
+
+}  // namespace
+
+void CZelvarImageServer::State::StartAhead(std::int32_t kind) {
+  ImageSet& set = sets[static_cast<std::size_t>(kind)];
+  try {
+    // The job works from a copy of the record list and the source size
+    // taken now: routing may go on meanwhile. Should the set grow, TakeAhead
+    // drops the result.
+    std::vector<const ImageRecord*> records(set.records.begin(), set.records.end());
+    const std::size_t sourceBytes = set.source.size();
+    set.ahead = std::make_unique<SheetAhead>();
+    SheetAhead* ahead = set.ahead.get();
+    pool.Submit([kind, records = std::move(records), sourceBytes, ahead] {
+      try {
+        ahead->sheet = ComposeSheet(kind, records, sourceBytes);
+        ahead->made = true;
+      } catch (const std::bad_alloc&) {
+        ahead->made = false;  // composed again when the set is built
+      }
+      ahead->finished.store(true, std::memory_order_release);
+    });
+  } catch (const std::bad_alloc&) {
+    // Working ahead is only a saving. Out of memory, the job may or may not
+    // have been queued: once every queued job has ended, one that never ran
+    // is forgotten, and the set is composed when it is built.
+    pool.WaitIdle();
+    if (set.ahead && !set.ahead->finished.load(std::memory_order_acquire)) set.ahead.reset();
+  }
+}
+
+std::unique_ptr<SheetAhead> CZelvarImageServer::State::TakeAhead(ImageSet& set) {
+  std::unique_ptr<SheetAhead> ahead = std::move(set.ahead);
+  if (!ahead) return nullptr;
+  SheetAhead* waited = ahead.get();
+  // Waited for even when it is to be dropped: it reads the records' images,
+  // which the build frees.
+  pool.WaitUntil([waited] { return waited->finished.load(std::memory_order_acquire); });
+  if (!ahead->made || ahead->sheet.recordCount != set.records.size()) return nullptr;
+  return ahead;
+}
+
 std::string CZelvarImageServer::State::Build(std::int32_t kind) {
   ImageSet& set = sets[static_cast<std::size_t>(kind)];
   if (set.done) return set.id;
   set.done = true;
   if (set.records.empty()) return {};
 
-  std::vector<Cell> cells;
-  cells.reserve(set.records.size());
-  for (const ImageRecord* record : set.records) {
-    cells.push_back(
-        {static_cast<std::int32_t>(record->marginLeft + record->width + record->marginRight),
-         static_cast<std::int32_t>(record->marginTop + record->height + record->marginBottom), 0,
-         0});
+  // The other sets' sheets are composed meanwhile on the pool: sheets are
+  // usually asked for one after another, and each needs only its own
+  // records.
+  for (std::int32_t other = 0; other < static_cast<std::int32_t>(sets.size()); ++other) {
+    ImageSet& each = sets[static_cast<std::size_t>(other)];
+    if (other != kind && !each.done && !each.ahead && !each.records.empty()) StartAhead(other);
   }
-  const SheetSize size = zelvarpack::image::PackCells(cells, kMaxSheetSide);
-  const bool fits = size.width <= kMaxSheetSide && size.height <= kMaxSheetSide &&
-                    size.width * size.height <= kMaxSheetPixels;
+  ComposedSheet composed;
+  if (std::unique_ptr<SheetAhead> ahead = TakeAhead(set)) {
+    composed = std::move(ahead->sheet);
+  } else {
+    composed = ComposeSheet(kind, {set.records.begin(), set.records.end()}, set.source.size());
+  }
 
-  RgbaImage sheet;
-  if (fits)
-    sheet = zelvarpack::image::NewCanvas(static_cast<std::int32_t>(size.width),
-                                         static_cast<std::int32_t>(size.height), 255, 255, 255, 0);
   for (std::size_t i = 0; i < set.records.size(); ++i) {
     ImageRecord& record = *set.records[i];
-    if (fits) {
+    if (composed.fits) {
       record.entry =
-          zelvarpack::image::IndexEntry(record.key, size, cells[i], record.width, record.height,
-                                        static_cast<std::int32_t>(record.marginLeft),
+          zelvarpack::image::IndexEntry(record.key, composed.size, composed.cells[i], record.width,
+                                        record.height, static_cast<std::int32_t>(record.marginLeft),
                                         static_cast<std::int32_t>(record.marginTop));
       record.hasEntry = true;
-      zelvarpack::image::DrawScaled(
-          sheet, record.image, cells[i].x + static_cast<std::int32_t>(record.marginLeft),
-          cells[i].y + static_cast<std::int32_t>(record.marginTop), record.width, record.height);
     }
     heldPixels.fetch_sub(static_cast<std::int64_t>(record.image.width) * record.image.height);
     record.image = RgbaImage{};  // drawn: the pixels are no longer needed
   }
-  if (!fits) return {};
+  if (!composed.fits) return {};
+  const std::string& encoded = composed.encoded;
 
-  std::string encoded;
-  if (kSets[static_cast<std::size_t>(kind)].encodePng) {
-    zelvarpack::image::EncodePng(sheet, encoded);
-  } else {
-    zelvarpack::image::SearchJpegQuality(
-        [&](int quality, std::string& out) {
-          return zelvarpack::image::EncodeJpeg(sheet, quality, out);
-        },
-        set.source.size(), encoded);
-  }
   // Worth test: a sheet larger than its sources is not used. A sheet that
   // could not be encoded is not used either.
   if (encoded.empty() || encoded.size() > set.source.size()) return {};

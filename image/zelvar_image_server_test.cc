@@ -237,6 +237,103 @@ TEST_F(ImageServer, JpegSheetsTakeTheFirstQualityThatBeatsTheirSources) {
   EXPECT_EQ(SheetBytes(*back), stored);
 }
 
+// Each set's sheet is the same whether the sets are built side by side (the
+// later sets composed on the pool while the first is built), one set per
+// server, or with images routed to a set after its sheet was started ahead.
+TEST_F(ImageServer, SheetsBuiltSideBySideEqualSheetsBuiltOneByOne) {
+  std::string jpeg1, jpeg2, jpeg3;
+  ASSERT_TRUE(EncodeJpeg(Photo(90, 70, 11), 95, jpeg1));
+  ASSERT_TRUE(EncodeJpeg(Photo(60, 80, 12), 95, jpeg2));
+  ASSERT_TRUE(EncodeJpeg(Photo(40, 30, 13), 95, jpeg3));
+  // In routing order; the last image of each set comes last.
+  const std::vector<std::string> images = {
+      ReadIcon("pie1.gif"), jpeg1, MakePng(Photo(50, 40, 14)), ReadIcon("a.png"),
+      ReadIcon("pie2.gif"), jpeg2, MakePng(Photo(30, 60, 15)), ReadIcon("alert.red.png"),
+      ReadIcon("pie3.gif"), jpeg3, MakePng(Photo(20, 20, 16)), ReadIcon("alert.black.png"),
+  };
+  struct Outcome {
+    std::string ids[4];
+    std::string sheets[4];
+    std::string indexes[4];
+    std::vector<std::vector<double>> entries;  // per image, in adding order
+  };
+  const char* folders[] = {"gif", "jpg", "jpg", "png"};
+  // `split`: the images of one set per server; `late`: the last four images
+  // are routed after the first sheet is built.
+  auto run = [&](const std::string& name, bool split, bool late) {
+    Outcome outcome;
+    const std::string cache = dir_.File(name);
+    std::filesystem::create_directories(cache);
+    std::vector<std::unique_ptr<CZelvarImageServer>> servers;
+    std::vector<std::pair<CZelvarImageServer*, std::int32_t>> handles;
+    for (int server = 0; server < (split ? 4 : 1); ++server) {
+      servers.push_back(std::make_unique<CZelvarImageServer>(const_cast<char*>(cache.c_str())));
+    }
+    for (std::size_t i = 0; i < images.size(); ++i) {
+      CZelvarImageServer* server = servers[split ? i % 4 : 0].get();
+      handles.emplace_back(server, Add(*server, images[i]));
+    }
+    auto route = [&](std::size_t from, std::size_t to) {
+      for (std::size_t i = from; i < to; ++i) {
+        EXPECT_EQ(handles[i].first->RouteImage(handles[i].second),
+                  static_cast<std::int32_t>(i % 4));
+      }
+    };
+    route(0, late ? images.size() - 4 : images.size());
+    for (int set = 0; set < 4; ++set) {
+      CZelvarImageServer* server = servers[split ? set : 0].get();
+      outcome.ids[set] = server->BuildSheet(static_cast<CZelvarImageServer::SheetKind>(set));
+      if (late && set == 0) {
+        // The GIF set is built; its last image is refused, the others join
+        // the sets started ahead.
+        EXPECT_EQ(server->RouteImage(handles[images.size() - 4].second), -1);
+        route(images.size() - 3, images.size());
+      }
+    }
+    for (int set = 0; set < 4; ++set) {
+      if (outcome.ids[set].empty()) continue;
+      const std::string path = cache + "/" + folders[set] + "/" + outcome.ids[set];
+      outcome.sheets[set] = ReadWholeFile(path);
+      outcome.indexes[set] = ReadWholeFile(path + ".c");
+    }
+    for (const auto& [server, handle] : handles) {
+      CZelvarImageEntry entry{};
+      if (!server->GetImageEntry(handle, entry)) {
+        outcome.entries.push_back({});
+        continue;
+      }
+      outcome.entries.push_back(
+          {double(entry.key), entry.positionX, entry.positionY, entry.sizeX, entry.sizeY});
+    }
+    return outcome;
+  };
+  const Outcome together = run("together", false, false);
+  const Outcome apart = run("apart", true, false);
+  for (int set = 0; set < 4; ++set) {
+    SCOPED_TRACE(set);
+    ASSERT_FALSE(together.ids[set].empty());
+    EXPECT_EQ(together.ids[set], apart.ids[set]);
+    EXPECT_EQ(together.sheets[set], apart.sheets[set]);
+    EXPECT_EQ(together.indexes[set], apart.indexes[set]);
+  }
+  EXPECT_EQ(together.entries, apart.entries);
+
+  // Without the last GIF, and the other sets grown after they were started.
+  const Outcome late = run("late", false, true);
+  const Outcome lateApart = run("late-apart", true, true);
+  for (int set = 0; set < 4; ++set) {
+    SCOPED_TRACE(set);
+    EXPECT_EQ(late.ids[set], lateApart.ids[set]);
+    EXPECT_EQ(late.sheets[set], lateApart.sheets[set]);
+    EXPECT_EQ(late.indexes[set], lateApart.indexes[set]);
+    if (set > 0) {
+      EXPECT_EQ(late.sheets[set], together.sheets[set]);
+    }
+  }
+  EXPECT_NE(late.ids[0], together.ids[0]);
+  EXPECT_EQ(late.entries, lateApart.entries);
+}
+
 TEST_F(ImageServer, SheetsNoSmallerThanTheirSourcesAreNotStored) {
   // A tiny one-colour PNG: even at quality 0 its JPEG sheet is larger.
   auto server = NewServer();

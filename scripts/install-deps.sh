@@ -8,12 +8,13 @@ set -euo pipefail
 # espeak-ng: real recordings and speech for the audio tests. unixodbc-dev,
 # libsqliteodbc, odbc-postgresql, postgresql: the file store's driver manager,
 # its two drivers and the server its tests start on loopback. libpng-dev,
-# libjpeg62-turbo-dev, libgif-dev: the image codecs; apache2-data: real GIF
+# libjpeg62-turbo-dev, libgif-dev, libdeflate-dev: the image codecs (the
+# last compresses PNG sheets); apache2-data: real GIF
 # and PNG icons for the image tests.
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev zlib1g-dev python3
   libcurl4-openssl-dev ca-certificates nginx openssl alsa-utils espeak-ng
   unixodbc-dev libsqliteodbc odbc-postgresql postgresql
-  libpng-dev libjpeg62-turbo-dev libgif-dev apache2-data "$@")
+  libpng-dev libjpeg62-turbo-dev libgif-dev libdeflate-dev apache2-data "$@")
 missing=()
 for package in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' ||

@@ -59,7 +59,7 @@ const Surface kSurfaces[] = {
       "CZelvarImageServer::GetPng32Id(std::__cxx11::basic_string",
       "CZelvarImages::~CZelvarImages()", "CZelvarImages::GetRawImageZelvarBuffer(bool&)"},
      {"DecodeImage", "EncodePng", "EncodeJpeg", "PackCells", "PngDepth", "DecodePool", "png_",
-      "jpeg_", "DGif"}},
+      "jpeg_", "DGif", "libdeflate_"}},
     {"file store",
      {"CZelvarFileServer::Create(unsigned char*, int)",
       "CZelvarFileServer::AddFile(void*, unsigned char*, int)", "CZelvarFileServer::Destroy(void*)",
