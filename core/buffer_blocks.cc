@@ -2,9 +2,54 @@
 
 #include <sys/mman.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <limits>
+#include <mutex>
 #include <new>
+#include <vector>
+
+namespace {
+
+struct KeptBlock {
+  unsigned char* block;
+  std::size_t size;
+};
+
+// Large blocks kept for reuse; never destroyed, so buffers destroyed at exit
+// can still give theirs back.
+struct KeptBlocks {
+  std::mutex mutex;
+  std::vector<KeptBlock> blocks;  // guarded by mutex
+  std::size_t bytes = 0;          // guarded by mutex
+};
+
+KeptBlocks& Kept() {
+  static auto* kept = new KeptBlocks;
+  return *kept;
+}
+
+// The smallest kept block of at least `size` bytes that wastes no more than
+// half as much again, or null.
+unsigned char* TakeKept(std::size_t size, std::size_t* allocated) {
+  KeptBlocks& kept = Kept();
+  std::lock_guard<std::mutex> lock(kept.mutex);
+  auto best = kept.blocks.end();
+  for (auto it = kept.blocks.begin(); it != kept.blocks.end(); ++it) {
+    if (it->size >= size && it->size - size <= size / 2 &&
+        (best == kept.blocks.end() || it->size < best->size)) {
+      best = it;
+    }
+  }
+  if (best == kept.blocks.end()) return nullptr;
+  unsigned char* block = best->block;
+  *allocated = best->size;
+  kept.bytes -= best->size;
+  kept.blocks.erase(best);
+  return block;
+}
+
+}  // namespace
 
 unsigned char* ZelvarBufferBlocks::Allocate(std::size_t size, std::size_t* allocated) {
   if (size == 0) size = 1;
@@ -16,6 +61,7 @@ unsigned char* ZelvarBufferBlocks::Allocate(std::size_t size, std::size_t* alloc
   }
   if (size > std::numeric_limits<std::size_t>::max() - kHugePage) throw std::bad_alloc();
   const std::size_t rounded = (size + kHugePage - 1) / kHugePage * kHugePage;
+  if (unsigned char* kept = TakeKept(rounded, allocated)) return kept;
   void* block = nullptr;
   if (posix_memalign(&block, kHugePage, rounded) != 0) throw std::bad_alloc();
   // Advice only: without huge pages the block is simply made of small ones.
@@ -42,4 +88,20 @@ void ZelvarBufferBlocks::Adopt(CZelvarBuffer& buffer, unsigned char* block, std:
   // to that.
   buffer.allocated_ = static_cast<std::int32_t>(allocated < kMax ? allocated : kMax);
   block[length] = 0;
+}
+
+void ZelvarBufferBlocks::Release(unsigned char* block, std::size_t allocated) {
+  // Only whole aligned huge pages, as Allocate makes them: a block that
+  // realloc has moved or resized since is not one.
+  if (block != nullptr && allocated >= kHugeThreshold && allocated % kHugePage == 0 &&
+      reinterpret_cast<std::uintptr_t>(block) % kHugePage == 0) {
+    KeptBlocks& kept = Kept();
+    std::lock_guard<std::mutex> lock(kept.mutex);
+    if (kept.blocks.size() < kKeptBlocks && kept.bytes + allocated <= kKeptBytes) {
+      kept.blocks.push_back({block, allocated});
+      kept.bytes += allocated;
+      return;
+    }
+  }
+  std::free(block);
 }

@@ -6,6 +6,12 @@
 // marked for transparent huge pages, so that filling it takes a page fault
 // per 2 MB instead of one per 4 KB. Every block, whatever its size, is freed
 // and resized with std::free and std::realloc, like the buffer's own blocks.
+//
+// A few such large blocks are kept when their buffers are destroyed (at most
+// kKeptBlocks, kKeptBytes in all, for the whole process) and handed out again
+// by Allocate: a page's sheets are copied and minified into blocks of much
+// the same size every time, and a kept block's pages need no fresh zeroing
+// by the kernel.
 #ifndef ZELVARPACK_CORE_BUFFER_BLOCKS_H_
 #define ZELVARPACK_CORE_BUFFER_BLOCKS_H_
 
@@ -18,6 +24,8 @@ class ZelvarBufferBlocks {
  public:
   static constexpr std::size_t kHugePage = std::size_t{2} << 20;
   static constexpr std::size_t kHugeThreshold = std::size_t{4} << 20;
+  static constexpr std::size_t kKeptBlocks = 4;
+  static constexpr std::size_t kKeptBytes = std::size_t{64} << 20;
 
   // A block of at least `size` bytes (at least one); `*allocated` receives
   // the usable size. Throws std::bad_alloc when memory is short.
@@ -33,6 +41,11 @@ class ZelvarBufferBlocks {
   // new buffer: same length and capacity, the byte after the content 0.
   // REQUIRES: allocated >= CapacityFor(length) and allocated fits in 32 bits;
   // otherwise throws std::bad_alloc and `block` still belongs to the caller.
+  // Frees a buffer's block (`allocated` bytes), or keeps it for a later
+  // Allocate when it is a large block as Allocate makes them and there is
+  // room.
+  static void Release(unsigned char* block, std::size_t allocated);
+
   static void Adopt(CZelvarBuffer& buffer, unsigned char* block, std::size_t length,
                     std::size_t allocated);
 };

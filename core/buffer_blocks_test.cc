@@ -92,3 +92,49 @@ TEST(BufferBlocks, TooSmallBlockIsRefusedAndStaysTheCallers) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(BufferBlocks, ALargeBlockGivenBackByItsBufferIsHandedOutAgain) {
+  constexpr std::size_t kSize = std::size_t{10} << 20;
+  std::size_t allocated = 0;
+  unsigned char* block = ZelvarBufferBlocks::Allocate(kSize, &allocated);
+  {
+    CZelvarBuffer buffer;
+    ZelvarBufferBlocks::Adopt(buffer, block, kSize - 1000, allocated);
+  }
+  // The same block for the same size or a somewhat smaller one; a much
+  // smaller request gets a block of its own.
+  std::size_t again = 0;
+  unsigned char* small = ZelvarBufferBlocks::Allocate(ZelvarBufferBlocks::kHugeThreshold, &again);
+  EXPECT_NE(small, block);
+  unsigned char* reused = ZelvarBufferBlocks::Allocate(kSize - (1 << 20), &again);
+  EXPECT_EQ(reused, block);
+  EXPECT_EQ(again, allocated);
+  ZelvarBufferBlocks::Release(reused, again);
+  EXPECT_EQ(ZelvarBufferBlocks::Allocate(kSize, &again), block);
+  std::free(block);
+  std::free(small);
+}
+
+TEST(BufferBlocks, OnlyWholeAlignedHugePagesAreKept) {
+  constexpr std::size_t kSize = std::size_t{8} << 20;
+  // A block of the right size that malloc placed (not page-aligned).
+  auto* plain = static_cast<unsigned char*>(std::malloc(kSize + 16));
+  ASSERT_NE(plain, nullptr);
+  unsigned char* unaligned = plain;
+  if (reinterpret_cast<std::uintptr_t>(plain) % ZelvarBufferBlocks::kHugePage == 0) {
+    std::free(plain);
+    GTEST_SKIP() << "malloc returned a huge-page-aligned block";
+  }
+  ZelvarBufferBlocks::Release(unaligned, kSize);  // freed
+  std::size_t allocated = 0;
+  unsigned char* fresh = ZelvarBufferBlocks::Allocate(kSize, &allocated);
+  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(fresh) % ZelvarBufferBlocks::kHugePage, 0u);
+  // A small block is freed too, whatever its address.
+  ZelvarBufferBlocks::Release(static_cast<unsigned char*>(std::malloc(64)), 64);
+  ZelvarBufferBlocks::Release(nullptr, 0);
+  std::free(fresh);
+}
+
+}  // namespace

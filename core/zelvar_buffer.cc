@@ -6,6 +6,8 @@
 #include <limits>
 #include <new>
 
+#include "core/buffer_blocks.h"
+
 namespace {
 
 unsigned char* Allocate(std::int32_t size) {
@@ -25,7 +27,7 @@ CZelvarBuffer::CZelvarBuffer()
 }
 
 CZelvarBuffer::~CZelvarBuffer() {
-  std::free(data);
+  ZelvarBufferBlocks::Release(data, static_cast<std::size_t>(allocated_));
   data = nullptr;
 }
 
