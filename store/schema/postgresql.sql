@@ -41,6 +41,12 @@ CREATE INDEX IF NOT EXISTS composite_open_bucket
 -- every composite's data before it commits. One row per chunk; data holds
 -- the composite's stored bytes the first time the call meets a composite
 -- that existed before it and is not among p_held, else NULL.
+--
+-- The chunk rows are inserted together at the end, in order. Meanwhile the
+-- call keeps, for each composite it has touched, the last ordinal, the
+-- byte count and the running sum of fingerprints: the sum is added to in
+-- ordinal order, exactly as SUM(fft_rms ORDER BY ordinal) over the rows
+-- would add, so the means are the same to the last bit.
 CREATE OR REPLACE FUNCTION store_append_chunks(p_file integer,
     p_fft double precision[], p_length integer[], p_held integer[])
   RETURNS TABLE (out_composite integer, out_chunks_before integer,
@@ -49,34 +55,59 @@ CREATE OR REPLACE FUNCTION store_append_chunks(p_file integer,
 DECLARE
   found_row record;
   sent integer[] := p_held;
+  -- Composites touched by this call, with their state after its chunks.
+  touched integer[] := '{}';
+  touched_ordinal integer[] := '{}';
+  touched_bytes bigint[] := '{}';
+  touched_sum double precision[] := '{}';
+  k integer;
+  last_ordinal integer;
+  byte_count bigint;
+  fft_sum double precision;
+  -- The chunk rows, inserted at the end.
+  row_ordinal integer[] := '{}';
+  row_composite integer[] := '{}';
+  row_start integer[] := '{}';
 BEGIN
   -- Writers take turns for their whole transaction (see the store's
   -- dialect); taking the lock again later in the transaction is free.
   LOCK TABLE composite IN SHARE ROW EXCLUSIVE MODE;
   FOR i IN 1 .. COALESCE(array_length(p_fft, 1), 0) LOOP
-    -- The store's composite search; see the PostgreSQL statements in the
-    -- store's code for why the chunks are summed this way.
-    SELECT c.composite_id AS id, c.chunks, c.is_compressed AS compressed,
-        s.max_ordinal, s.sum_fft, s.bytes
+    -- The store's composite search. A composite counts once it has a
+    -- chunk: a stored one, or one of this call's.
+    SELECT c.composite_id AS id, c.chunks, c.is_compressed AS compressed
       INTO found_row
-      FROM composite c CROSS JOIN LATERAL (
-        SELECT MAX(ch.ordinal) AS max_ordinal, SUM(ch.fft_rms ORDER BY ch.ordinal) AS sum_fft,
-            SUM(ch.length) AS bytes, COUNT(*) AS chunk_rows
-          FROM chunk ch WHERE ch.composite_id = c.composite_id) s
+      FROM composite c
       WHERE CAST(TRUNC(c.fft_rms * CAST(100 AS double precision)) AS integer) =
             CAST(TRUNC(p_fft[i] * CAST(100 AS double precision)) AS integer)
-        AND c.chunks < 25 AND s.chunk_rows > 0
+        AND c.chunks < 25
+        AND (c.composite_id = ANY (touched)
+             OR EXISTS (SELECT 1 FROM chunk ch WHERE ch.composite_id = c.composite_id))
       ORDER BY ABS(c.fft_rms - p_fft[i]), c.composite_id LIMIT 1;
     IF FOUND THEN
       out_composite := found_row.id;
+      k := array_position(touched, out_composite);
+      IF k IS NULL THEN
+        -- See the PostgreSQL statements in the store's code for why the
+        -- chunks are summed this way.
+        touched := touched || out_composite;
+        k := array_length(touched, 1);
+        SELECT MAX(ch.ordinal), SUM(ch.length), SUM(ch.fft_rms ORDER BY ch.ordinal)
+          INTO last_ordinal, byte_count, fft_sum
+          FROM chunk ch WHERE ch.composite_id = out_composite;
+        touched_ordinal[k] := last_ordinal;
+        touched_bytes[k] := byte_count;
+        touched_sum[k] := fft_sum;
+      END IF;
       out_chunks_before := found_row.chunks;
       out_compressed := found_row.compressed;
-      out_start := found_row.bytes + 1;
-      out_fft := (found_row.sum_fft + p_fft[i]) / (found_row.chunks + 1);
+      out_start := touched_bytes[k] + 1;
+      out_fft := (touched_sum[k] + p_fft[i]) / (found_row.chunks + 1);
+      touched_ordinal[k] := touched_ordinal[k] + 1;
+      touched_bytes[k] := touched_bytes[k] + p_length[i];
+      touched_sum[k] := touched_sum[k] + p_fft[i];
       UPDATE composite SET chunks = chunks + 1, fft_rms = out_fft
         WHERE composite_id = out_composite;
-      INSERT INTO chunk (file_id, ordinal, composite_id, start, length, fft_rms)
-        VALUES (p_file, found_row.max_ordinal + 1, out_composite, out_start, p_length[i], p_fft[i]);
       out_data := NULL;
       IF NOT out_composite = ANY (sent) THEN
         SELECT data INTO out_data FROM composite WHERE composite_id = out_composite;
@@ -85,16 +116,28 @@ BEGIN
     ELSE
       INSERT INTO composite (chunks, data, fft_rms, is_compressed)
         VALUES (1, ''::bytea, p_fft[i], false) RETURNING composite_id INTO out_composite;
+      touched := touched || out_composite;
+      k := array_length(touched, 1);
+      touched_ordinal[k] := 1;
+      touched_bytes[k] := p_length[i];
+      touched_sum[k] := p_fft[i];
       out_chunks_before := 0;
       out_compressed := false;
       out_start := 1;
       out_fft := p_fft[i];
       out_data := NULL;
-      INSERT INTO chunk (file_id, ordinal, composite_id, start, length, fft_rms)
-        VALUES (p_file, 1, out_composite, 1, p_length[i], p_fft[i]);
       sent := sent || out_composite;
     END IF;
+    row_ordinal := row_ordinal || touched_ordinal[k];
+    row_composite := row_composite || out_composite;
+    row_start := row_start || out_start;
     RETURN NEXT;
   END LOOP;
+  -- In the file's order, so that chunk_id orders the file for reading back.
+  INSERT INTO chunk (file_id, ordinal, composite_id, start, length, fft_rms)
+    SELECT p_file, r.ordinal, r.composite, r.start, r.length, r.fft
+      FROM unnest(row_ordinal, row_composite, row_start, p_length, p_fft)
+           WITH ORDINALITY AS r(ordinal, composite, start, length, fft, n)
+      ORDER BY r.n;
 END;
 $$;
