@@ -375,8 +375,16 @@ class FileWriter {
   // yet, from its stored data; reuses what the cache knows when that data
   // is exactly what it remembers.
   // `haveData`: `data` and `compressed` came with the search's row.
+  // `vouched`: the entry whose row version the database found unchanged.
   bool Fetch(std::int32_t id, std::int32_t chunks, Bytes& data, bool compressed, bool haveData,
-             Bytes& plain, std::shared_ptr<const GzipPrefix>& prefix) {
+             Bytes& plain, std::shared_ptr<const GzipPrefix>& prefix,
+             const CompositeCache::Entry* vouched = nullptr) {
+    if (vouched != nullptr && vouched->plain != nullptr && vouched->prefix != nullptr &&
+        vouched->chunks == chunks && vouched->compressed == compressed) {
+      plain = *vouched->plain;
+      prefix = vouched->prefix;
+      return true;
+    }
     if (cache_ == nullptr) {
       return haveData ? Unpack(data, compressed, plain) : ReadComposite(session_, d_, id, plain);
     }
@@ -520,10 +528,13 @@ class FileWriter {
       heldIds_ += std::to_string(held);
     }
     heldIds_ += '}';
+    OfferKnownVersions();
     append->SetInt32(1, fileId);
     append->SetText(2, fingerprintList_);
     append->SetText(3, lengthList_);
     append->SetText(4, heldIds_);
+    append->SetText(5, knownIds_);
+    append->SetText(6, knownVersions_);
     if (!append->Execute()) return false;
     using C = AppendColumns;
     bool ok = true;
@@ -532,33 +543,78 @@ class FileWriter {
       std::int32_t chunksBefore = 0;
       std::int32_t start = 0;
       bool compressed = false;
+      bool current = false;
       double composite = 0;
       ok = append->Fetch() == OdbcStatement::Row::kRow && append->GetInt32(C::kCompositeId, id) &&
            append->GetInt32(C::kChunksBefore, chunksBefore) &&
            append->GetBit(C::kIsCompressed, compressed) && append->GetInt32(C::kStart, start) &&
            append->GetDouble(C::kFftRms, composite) && append->GetBinary(C::kData, data_) &&
+           append->GetBit(C::kCurrent, current) &&
            TakeChunk(bytes + i * kChunkBytes, std::min(kChunkBytes, total - i * kChunkBytes), id,
-                     chunksBefore, compressed, start, composite, data_);
+                     chunksBefore, compressed, start, composite, data_, current);
       if (ok) CompressWhatIsFinished(BucketOf(fingerprints[i]), id);
     }
     ok = ok && append->Fetch() == OdbcStatement::Row::kEnd;
     append->CloseCursor();
+    offered_.clear();
     return ok && WritePendingIfLarge();
+  }
+
+  // Fills knownIds_ and knownVersions_ (array literals) with the composites
+  // whose bytes this process knows as last written, with their row
+  // versions, and remembers in offered_ the entries it offered: the ones a
+  // row marked current stands for.
+  void OfferKnownVersions() {
+    offered_.clear();
+    if (cache_ != nullptr) {
+      for (auto& [id, entry] : cache_->Snapshot()) {
+        if (written_.count(id) == 0) offered_.emplace(id, std::move(entry));
+      }
+      for (const auto& [id, entry] : written_) {
+        if (entry != nullptr) offered_.emplace(id, entry);
+      }
+    }
+    knownIds_.assign(1, '{');
+    knownVersions_.assign(1, '{');
+    for (auto it = offered_.begin(); it != offered_.end();) {
+      const CompositeCache::Entry& entry = *it->second;
+      if (entry.version < 0 || entry.plain == nullptr || entry.prefix == nullptr) {
+        it = offered_.erase(it);
+        continue;
+      }
+      if (knownIds_.size() > 1) {
+        knownIds_ += ',';
+        knownVersions_ += ',';
+      }
+      knownIds_ += std::to_string(it->first);
+      knownVersions_ += std::to_string(entry.version);
+      ++it;
+    }
+    knownIds_ += '}';
+    knownVersions_ += '}';
   }
 
   // Adds a chunk the database gave to composite `id` (which had
   // `chunksBefore` chunks, 0 when new, and now has mean `composite`) to the
   // composite's bytes held here; `data` is its stored data when the
-  // database sent it.
+  // database sent it; `current`: the database found the composite's row
+  // at the version offered for it, and sent no data.
   bool TakeChunk(const unsigned char* chunk, std::size_t length, std::int32_t id,
                  std::int32_t chunksBefore, bool compressed, std::int32_t start, double composite,
-                 Bytes& data) {
+                 Bytes& data, bool current) {
     auto pending = pending_.find(id);
     if (pending == pending_.end()) {
       auto plain = std::make_shared<Bytes>();
       std::shared_ptr<const GzipPrefix> prefix;
-      // A new composite (no chunks before) starts empty.
-      if (chunksBefore > 0 && !Fetch(id, chunksBefore, data, compressed, true, *plain, prefix)) {
+      const CompositeCache::Entry* vouched = nullptr;
+      if (current) {
+        auto offered = offered_.find(id);
+        if (offered != offered_.end()) vouched = offered->second.get();
+      }
+      // A new composite (no chunks before) starts empty. Without the data
+      // and without an entry that stands for it, Fetch reads the data.
+      if (chunksBefore > 0 &&
+          !Fetch(id, chunksBefore, data, compressed, !current, *plain, prefix, vouched)) {
         return false;
       }
       pendingBytes_ += plain->size();
@@ -705,7 +761,7 @@ class FileWriter {
           batch->SetBinary(column + 2, w.form->bytes(), w.form->count(), d_.longBinary);
           batch->SetBit(column + 3, w.form->compressed());
         }
-        if (!batch->Execute()) return false;
+        if (!batch->Execute() || !ReadVersions(batch)) return false;
       }
     }
     if (next < writes.size()) {
@@ -716,7 +772,7 @@ class FileWriter {
         update->SetBinary(1, w.form->bytes(), w.form->count(), d_.longBinary);
         update->SetBit(2, w.form->compressed());
         update->SetInt32(3, w.id);
-        if (!update->Execute()) return false;
+        if (!update->Execute() || !ReadVersions(update)) return false;
       }
     }
     if (cache_ != nullptr) {
@@ -729,11 +785,34 @@ class FileWriter {
         known->compressed = w.form->compressed();
         known->chunks = w.entry->chunks;
         known->prefix = std::move(kept);
+        if (auto version = versions_.find(w.id); version != versions_.end()) {
+          known->version = version->second;
+        }
         written_[w.id] = std::move(known);
       }
     }
     pending_.clear();
     pendingBytes_ = 0;
+    versions_.clear();
+    return true;
+  }
+
+  // The (composite_id, version) rows of a data write, when the dialect's
+  // data writes return them.
+  bool ReadVersions(OdbcStatement* write) {
+    if (!d_.dataWritesReturnVersions) return true;
+    for (;;) {
+      const OdbcStatement::Row row = write->Fetch();
+      if (row == OdbcStatement::Row::kEnd) break;
+      std::int32_t id = 0;
+      std::int64_t version = 0;
+      if (row != OdbcStatement::Row::kRow || !write->GetInt32(1, id) ||
+          !write->GetInt64(2, version)) {
+        return false;
+      }
+      versions_[id] = version;
+    }
+    write->CloseCursor();
     return true;
   }
 
@@ -747,7 +826,13 @@ class FileWriter {
   std::string fingerprintList_;
   std::string lengthList_;
   std::string heldIds_;
+  std::string knownIds_;
+  std::string knownVersions_;
   Bytes data_;
+  // The entries offered to the current appendChunks call, by composite.
+  std::unordered_map<std::int32_t, std::shared_ptr<const CompositeCache::Entry>> offered_;
+  // Row versions returned by the data writes of the current WritePending.
+  std::unordered_map<std::int32_t, std::int64_t> versions_;
   // Chunks of the file not yet stored, by bucket.
   std::unordered_map<int, int> remaining_;
   CompositeCache* const cache_;  // null unless deferring with a cache
@@ -791,6 +876,15 @@ void CompositeCache::Put(std::int32_t compositeId, std::shared_ptr<const Entry> 
 void CompositeCache::Forget(std::int32_t compositeId) {
   std::lock_guard<std::mutex> lock(mutex_);
   ForgetLocked(compositeId);
+}
+
+std::vector<std::pair<std::int32_t, std::shared_ptr<const CompositeCache::Entry>>>
+CompositeCache::Snapshot() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<std::pair<std::int32_t, std::shared_ptr<const Entry>>> entries;
+  entries.reserve(slots_.size());
+  for (const auto& [id, slot] : slots_) entries.emplace_back(id, slot.entry);
+  return entries;
 }
 
 std::size_t CompositeCache::size() const {

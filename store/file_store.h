@@ -17,6 +17,7 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "store/gzip_prefix.h"
@@ -42,6 +43,10 @@ class CompositeCache {
     bool compressed = false;
     std::int32_t chunks = 0;
     std::shared_ptr<const GzipPrefix> prefix;  // has consumed a prefix of plain
+    // The row version the database reported when the data was written, or
+    // -1: with it the database can vouch that the row is unchanged without
+    // sending its data.
+    std::int64_t version = -1;
     std::size_t Footprint() const;
   };
 
@@ -52,6 +57,8 @@ class CompositeCache {
   std::shared_ptr<const Entry> Find(std::int32_t compositeId);
   void Put(std::int32_t compositeId, std::shared_ptr<const Entry> entry);
   void Forget(std::int32_t compositeId);
+  // Every entry, in no particular order.
+  std::vector<std::pair<std::int32_t, std::shared_ptr<const Entry>>> Snapshot() const;
   std::size_t size() const;
 
  private:

@@ -156,9 +156,9 @@ Dialect MakePostgresql() {
   // A file's chunks go through the store_append_chunks function of the
   // schema, many per call.
   d.appendChunks =
-      "SELECT out_composite, out_chunks_before, out_compressed, out_start, out_fft, out_data "
-      "FROM store_append_chunks(CAST(? AS integer), CAST(? AS double precision[]), "
-      "CAST(? AS integer[]), CAST(? AS integer[]))";
+      "SELECT out_composite, out_chunks_before, out_compressed, out_start, out_fft, out_data, "
+      "out_current FROM store_append_chunks(CAST(? AS integer), CAST(? AS double precision[]), "
+      "CAST(? AS integer[]), CAST(? AS integer[]), CAST(? AS integer[]), CAST(? AS bigint[]))";
   static const std::array<std::string, kDataBatchSizes> batches = [] {
     std::array<std::string, kDataBatchSizes> texts;
     for (int size = 0; size < kDataBatchSizes; ++size) {
@@ -169,7 +169,9 @@ Dialect MakePostgresql() {
         if (row > 0) sql += ", ";
         sql += "(CAST(? AS integer), CAST(? AS bytea), CAST(? AS boolean))";
       }
-      sql += ") AS v (composite_id, data, is_compressed) WHERE c.composite_id = v.composite_id";
+      sql +=
+          ") AS v (composite_id, data, is_compressed) WHERE c.composite_id = v.composite_id"
+          " RETURNING c.composite_id, CAST(CAST(c.xmin AS text) AS bigint)";
     }
     return texts;
   }();
@@ -177,11 +179,17 @@ Dialect MakePostgresql() {
     d.updateCompositeDataBatch[size] = batches[static_cast<std::size_t>(size)].c_str();
   }
   d.longBinary = false;  // the driver maps variable binary to bytea
+  static const std::string updateData =
+      std::string(d.updateCompositeData) +
+      " RETURNING composite_id, CAST(CAST(xmin AS text) AS bigint)";
+  d.updateCompositeData = updateData.c_str();
+  d.dataWritesReturnVersions = true;
   d.tablesPresent =
       "SELECT (SELECT COUNT(*) FROM pg_catalog.pg_tables WHERE schemaname = current_schema() "
       "AND tablename IN ('file', 'chunk', 'composite')) + (SELECT COUNT(*) FROM "
       "pg_catalog.pg_proc p JOIN pg_catalog.pg_namespace n ON n.oid = p.pronamespace "
-      "WHERE n.nspname = current_schema() AND p.proname = 'store_append_chunks')";
+      "WHERE n.nspname = current_schema() AND p.proname = 'store_append_chunks' "
+      "AND p.pronargs = 6)";
   d.schemaObjects = 4;
   // Concurrent CREATE ... IF NOT EXISTS can fail on PostgreSQL, and a
   // creator that runs while another caller already stores a file can

@@ -29,11 +29,13 @@ constexpr int DataBatchRows(int size) { return 2 << size; }
 
 // Columns of appendChunks's rows: the composite that took the chunk, its
 // chunks before (0 for a new one), its is_compressed flag, the chunk's
-// start, the composite's fft_rms after, and its stored data (NULL when new,
-// among the ids the caller holds, or already sent for an earlier chunk).
+// start, the composite's fft_rms after, its stored data (NULL when new,
+// among the ids the caller holds, already sent for an earlier chunk, or
+// current), and whether the row is still at the version the caller knows
+// (then the caller's bytes are the stored ones and no data is sent).
 struct AppendColumns {
   static constexpr int kCompositeId = 1, kChunksBefore = 2, kIsCompressed = 3, kStart = 4,
-                       kFftRms = 5, kData = 6;
+                       kFftRms = 5, kData = 6, kCurrent = 7;
 };
 
 // Column positions (1-based) of the composite search's row; 0 when absent.
@@ -71,7 +73,8 @@ struct Dialect {
   const char* updateComposite;
   // (fft_rms, composite_id): one more chunk, bytes written later.
   const char* updateCompositeCounts;
-  // (data, is_compressed, composite_id)
+  // (data, is_compressed, composite_id); with dataWritesReturnVersions,
+  // like the batches below, a row (composite_id, row version) per row written.
   const char* updateCompositeData;
   // (file_id, ordinal, composite_id, start, length, fft_rms)
   const char* insertChunk;
@@ -80,12 +83,17 @@ struct Dialect {
   // server) that stores a run of a file's chunks in order. Parameters:
   // (file_id, the chunks' fft_rms as an array literal "{0.5,1.25}", their
   // lengths as one, the ids of composites whose bytes the caller holds as
-  // one). New composites get empty data, to be written before the commit.
-  // One row per chunk, see AppendColumns.
+  // one, the ids of composites the caller knows as last written and, as a
+  // bigint array, the row version it knows for each). New composites get
+  // empty data, to be written before the commit. One row per chunk, see
+  // AppendColumns.
   const char* appendChunks;
   // Or nulls. (composite_id, data, is_compressed) x DataBatchRows(size):
   // the deferred data writes of several composites in one statement.
   const char* updateCompositeDataBatch[kDataBatchSizes];
+  // The data writes return each row's new version: a number the database
+  // changes with every update of the row (PostgreSQL's xmin).
+  bool dataWritesReturnVersions;
   // Binds composite data as a long binary (else as a variable binary).
   bool longBinary;
 

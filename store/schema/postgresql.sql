@@ -40,7 +40,10 @@ CREATE INDEX IF NOT EXISTS composite_open_bucket
 -- or a new composite. New composites get empty data: the caller writes
 -- every composite's data before it commits. One row per chunk; data holds
 -- the composite's stored bytes the first time the call meets a composite
--- that existed before it and is not among p_held, else NULL.
+-- that existed before it and is not among p_held, else NULL; except that
+-- for a composite among p_known whose row version (xmin: every update
+-- makes a new one) is still the one given in p_version, current is true
+-- and data NULL: the caller already knows those bytes.
 --
 -- The chunk rows are inserted together at the end, in order. Meanwhile the
 -- call keeps, for each composite it has touched, the last ordinal, the
@@ -48,9 +51,11 @@ CREATE INDEX IF NOT EXISTS composite_open_bucket
 -- ordinal order, exactly as SUM(fft_rms ORDER BY ordinal) over the rows
 -- would add, so the means are the same to the last bit.
 CREATE OR REPLACE FUNCTION store_append_chunks(p_file integer,
-    p_fft double precision[], p_length integer[], p_held integer[])
+    p_fft double precision[], p_length integer[], p_held integer[],
+    p_known integer[], p_version bigint[])
   RETURNS TABLE (out_composite integer, out_chunks_before integer,
-    out_compressed boolean, out_start integer, out_fft double precision, out_data bytea)
+    out_compressed boolean, out_start integer, out_fft double precision, out_data bytea,
+    out_current boolean)
   LANGUAGE plpgsql AS $$
 DECLARE
   found_row record;
@@ -61,6 +66,7 @@ DECLARE
   touched_bytes bigint[] := '{}';
   touched_sum double precision[] := '{}';
   k integer;
+  known integer;
   last_ordinal integer;
   byte_count bigint;
   fft_sum double precision;
@@ -75,7 +81,8 @@ BEGIN
   FOR i IN 1 .. COALESCE(array_length(p_fft, 1), 0) LOOP
     -- The store's composite search. A composite counts once it has a
     -- chunk: a stored one, or one of this call's.
-    SELECT c.composite_id AS id, c.chunks, c.is_compressed AS compressed
+    SELECT c.composite_id AS id, c.chunks, c.is_compressed AS compressed,
+        CAST(CAST(c.xmin AS text) AS bigint) AS version
       INTO found_row
       FROM composite c
       WHERE CAST(TRUNC(c.fft_rms * CAST(100 AS double precision)) AS integer) =
@@ -109,8 +116,14 @@ BEGIN
       UPDATE composite SET chunks = chunks + 1, fft_rms = out_fft
         WHERE composite_id = out_composite;
       out_data := NULL;
+      out_current := false;
       IF NOT out_composite = ANY (sent) THEN
-        SELECT data INTO out_data FROM composite WHERE composite_id = out_composite;
+        known := array_position(p_known, out_composite);
+        IF known IS NOT NULL AND p_version[known] = found_row.version THEN
+          out_current := true;
+        ELSE
+          SELECT data INTO out_data FROM composite WHERE composite_id = out_composite;
+        END IF;
         sent := sent || out_composite;
       END IF;
     ELSE
@@ -126,6 +139,7 @@ BEGIN
       out_start := 1;
       out_fft := p_fft[i];
       out_data := NULL;
+      out_current := false;
       sent := sent || out_composite;
     END IF;
     row_ordinal := row_ordinal || touched_ordinal[k];
