@@ -11,7 +11,7 @@ set -euo pipefail
 # libjpeg62-turbo-dev, libgif-dev, libdeflate-dev: the image codecs (the
 # last compresses PNG sheets); apache2-data: real GIF
 # and PNG icons for the image tests.
-packages=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev zlib1g-dev python3
+packages=(cmake ninja-build pkg-config g++ clang libclang-rt-14-dev libgtest-dev zlib1g-dev python3
   libcurl4-openssl-dev ca-certificates nginx openssl alsa-utils espeak-ng
   unixodbc-dev libsqliteodbc odbc-postgresql postgresql
   libpng-dev libjpeg62-turbo-dev libgif-dev libdeflate-dev apache2-data "$@")
