@@ -379,12 +379,17 @@ class FileWriter {
   bool Fetch(std::int32_t id, std::int32_t chunks, Bytes& data, bool compressed, bool haveData,
              Bytes& plain, std::shared_ptr<const GzipPrefix>& prefix,
              const CompositeCache::Entry* vouched = nullptr) {
-    if (vouched != nullptr && vouched->plain != nullptr && vouched->prefix != nullptr &&
-        vouched->chunks == chunks && vouched->compressed == compressed) {
-      plain = *vouched->plain;
-      prefix = vouched->prefix;
+    // An entry that can stand for the composite's row as the search saw it.
+    const auto take = [&](const CompositeCache::Entry* entry) {
+      if (entry == nullptr || entry->plain == nullptr || entry->prefix == nullptr ||
+          entry->chunks != chunks || entry->compressed != compressed) {
+        return false;
+      }
+      plain = *entry->plain;
+      prefix = entry->prefix;
       return true;
-    }
+    };
+    if (take(vouched)) return true;
     if (cache_ == nullptr) {
       return haveData ? Unpack(data, compressed, plain) : ReadComposite(session_, d_, id, plain);
     }
@@ -392,12 +397,7 @@ class FileWriter {
       return false;
     }
     std::shared_ptr<const CompositeCache::Entry> known = Known(id);
-    if (known != nullptr && known->plain != nullptr && known->prefix != nullptr &&
-        known->chunks == chunks && known->compressed == compressed && known->stored == data) {
-      plain = *known->plain;
-      prefix = known->prefix;
-      return true;
-    }
+    if (known != nullptr && known->stored == data && take(known.get())) return true;
     return Unpack(data, compressed, plain);
   }
 
