@@ -49,31 +49,52 @@ void AppendAttribute(std::string& out, std::string_view name, std::string_view v
   }
 }
 
+namespace {
+
+// After an unquoted value a "/" would join the value: `<img src=a.png/>`
+// gives src "a.png/". A blank keeps it apart.
+void AppendEnd(std::string& out, bool selfClosing, bool lastWasUnquotedValue) {
+  if (!selfClosing) {
+    out += '>';
+  } else {
+    out += lastWasUnquotedValue ? " />" : "/>";
+  }
+}
+
+bool IsUnquotedValue(HtmlAttribute::Quoting quoting, std::string_view value) {
+  return quoting == HtmlAttribute::kUnquoted && !value.empty();
+}
+
+}  // namespace
+
 void AppendTag(std::string& out, const HtmlTagToken& tag) {
   out += tag.kind == HtmlTagToken::kEndTag ? "</" : "<";
   out += View(tag.name);
+  bool lastUnquoted = false;
   for (const HtmlAttribute* a = tag.FirstAttribute(); a != nullptr; a = a->next) {
     AppendAttribute(out, View(a->name), View(a->value), a->quoting);
+    lastUnquoted = IsUnquotedValue(a->quoting, View(a->value));
   }
-  out += tag.selfClosing != 0 ? "/>" : ">";
+  AppendEnd(out, tag.selfClosing != 0, lastUnquoted);
 }
 
-void AppendTagOpening(std::string& out, const TagRecord& tag,
+bool AppendTagOpening(std::string& out, const TagRecord& tag,
                       std::initializer_list<std::string_view> omit) {
   out += tag.kind == HtmlTagToken::kEndTag ? "</" : "<";
   out += tag.name;
+  bool lastUnquoted = false;
   for (const AttributeRecord& attribute : tag.attributes) {
     if (omit.size() != 0 && NameIsOneOf(attribute.name, omit)) continue;
     AppendAttribute(out, attribute.name, attribute.value, attribute.quoting);
+    lastUnquoted = IsUnquotedValue(attribute.quoting, attribute.value);
   }
+  return lastUnquoted;
 }
-
-void AppendTagEnd(std::string& out, const TagRecord& tag) { out += tag.selfClosing ? "/>" : ">"; }
 
 void AppendTag(std::string& out, const TagRecord& tag,
                std::initializer_list<std::string_view> omit) {
-  AppendTagOpening(out, tag, omit);
-  AppendTagEnd(out, tag);
+  const bool lastUnquoted = AppendTagOpening(out, tag, omit);
+  AppendEnd(out, tag.selfClosing, lastUnquoted);
 }
 
 void AppendDoctype(std::string& out, const HtmlDoctypeToken& doctype) {

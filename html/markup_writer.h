@@ -7,7 +7,8 @@
 // it was written with (none when it was unquoted); an attribute that had no
 // value is written as its bare name, since `<input disabled type=x>` written
 // as `disabled= type=x` would give `disabled` the value "type=x". Then "/>"
-// for a self-closing tag, else ">". Bytes are copied as they stand: the
+// for a self-closing tag (" />" after an unquoted value, which would
+// otherwise take the slash), else ">". Bytes are copied as they stand: the
 // tokenizer decodes nothing, so nothing needs encoding again.
 #ifndef ZELVARPACK_HTML_MARKUP_WRITER_H_
 #define ZELVARPACK_HTML_MARKUP_WRITER_H_
@@ -31,10 +32,9 @@ void AppendTag(std::string& out, const HtmlTagToken& tag);
 void AppendTag(std::string& out, const TagRecord& tag,
                std::initializer_list<std::string_view> omit = {});
 // "<" or "</" and the name, then the attributes not in `omit`; no ">".
-void AppendTagOpening(std::string& out, const TagRecord& tag,
+// Returns whether the last attribute written has an unquoted value.
+bool AppendTagOpening(std::string& out, const TagRecord& tag,
                       std::initializer_list<std::string_view> omit);
-// "/>" or ">".
-void AppendTagEnd(std::string& out, const TagRecord& tag);
 
 // "<!DOCTYPE" + " " + name, then " PUBLIC \"id\"" with a public identifier,
 // then " \"id\"" with a system identifier, then ">".

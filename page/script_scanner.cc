@@ -100,6 +100,7 @@ class TopLevelScanner {
       const std::string_view literal = text_.substr(start + 1, pos_ - start - 2);
       // The statement must end here: a string followed by an operator is an
       // expression, not a directive.
+      lineStart_ = false;
       SkipBlanksAndComments();
       const unsigned char next = At(pos_);
       const bool ends = next == ';' || next == 0 || next == '}' || lineStart_;
