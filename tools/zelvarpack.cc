@@ -36,7 +36,11 @@ constexpr char kUsage[] =
     "                                               build the four sprite sheets; print ids and\n"
     "                                               each image's key and percentages\n"
     "  sprite get [--cache DIR] gif|jpg|png24|png32 ID -o FILE\n"
-    "                                               write a stored sheet, print its index\n";
+    "                                               write a stored sheet, print its index\n"
+    "  serve --listen ADDRESS:PORT --root DIR [--cache DIR]\n"
+    "                                               serve DIR's files and the CS.zp, JS.zp\n"
+    "                                               and IS.zp handlers from the cache; print\n"
+    "                                               the address, then run until stopped\n";
 
 struct Command {
   const char* name;
@@ -56,6 +60,7 @@ constexpr Command kCommands[] = {
     {"audio", RunAudio},
     {"store", RunStore},
     {"sprite", RunSprite},
+    {"serve", RunServe},
 };
 
 }  // namespace
