@@ -42,7 +42,11 @@ constexpr char kUsage[] =
     "           [--keep-comments] [--user-agent UA] [--client-address ADDRESS] [-o FILE]\n"
     "                                               optimise a page: the new page to FILE (or\n"
     "                                               stdout), the counters and ids as JSON (on\n"
-    "                                               stdout with -o, else stderr)\n";
+    "                                               stdout with -o, else stderr)\n"
+    "  serve --listen ADDRESS:PORT --root DIR [--cache DIR]\n"
+    "                                               serve DIR's files and the CS.zp, JS.zp\n"
+    "                                               and IS.zp handlers from the cache; print\n"
+    "                                               the address, then run until stopped\n";
 
 struct Command {
   const char* name;
@@ -63,6 +67,7 @@ constexpr Command kCommands[] = {
     {"store", RunStore},
     {"sprite", RunSprite},
     {"optimize", RunOptimize},
+    {"serve", RunServe},
 };
 
 }  // namespace
