@@ -7,6 +7,7 @@
 #define ZELVARPACK_CORE_GZIP_TWIN_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -21,6 +22,24 @@ namespace zelvarpack {
 // the plain file exists its twin does too, even after a crash in between.
 void StoreWithGzipTwin(const std::string& folder, const std::string& id, const unsigned char* bytes,
                        std::size_t length);
+
+// Content-named storage that never trusts a name alone: the 32-bit content
+// hash collides easily (two sheets in swapped order give the same one), so
+// the bytes are stored under the first of up to kContentIdCandidates
+// identifiers that is free or already holds exactly these bytes:
+// IdFromNumber(hash), then IdFromNumber(hash + k * 0x9E3779B9) for k = 1, 2,
+// ... Every process probes the same sequence. The plain file is published
+// first and checked to hold our bytes (another process may have published
+// other bytes under the same name at the same moment); then its gzip twin
+// is written. A pair whose twin is missing (a crash between the two) gets
+// its twin back. Returns the identifier the bytes stand under, or "" when
+// every candidate holds other bytes or nothing could be written.
+inline constexpr int kContentIdCandidates = 16;
+std::string StoreContentWithGzipTwin(const std::string& folder, std::int32_t hash,
+                                     const unsigned char* bytes, std::size_t length);
+
+// The identifier candidates in the order StoreContentWithGzipTwin probes them.
+std::string ContentIdCandidate(std::int32_t hash, int attempt);
 
 // A plain body and its gzip twin; either may be missing (null).
 struct PlainAndGzip {

@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <memory>
 #include <string>
 
+#include "core/identifiers.h"
 #include "net/zlib_codec.h"
 #include "tests/temp_dir.h"
 
@@ -99,6 +101,61 @@ TEST(GzipTwin, ChoosesWhatToServe) {
     EXPECT_EQ(accepts, c.expectAccepts);
     EXPECT_EQ(served, c.expectServedGzip);
   }
+}
+
+}  // namespace
+
+namespace {
+
+std::string StoreContent(const std::string& folder, const std::string& text) {
+  const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+  return zelvarpack::StoreContentWithGzipTwin(folder, CollateHash(bytes, text.size()), bytes,
+                                              text.size());
+}
+
+// The content hash adds each byte after an 8-bit rotation, so two 4-byte
+// aligned pieces in swapped order hash alike: each must still get its own
+// file, and asking again gives each its own identifier.
+TEST(ContentIds, CollidingContentGetsTheNextCandidate) {
+  TempDir dir;
+  const std::string folder = dir.File("js");
+  const std::string first = "var a=1;var b=2;";
+  const std::string swapped = "var b=2;var a=1;";
+  ASSERT_EQ(CollateHash(reinterpret_cast<const unsigned char*>(first.data()), first.size()),
+            CollateHash(reinterpret_cast<const unsigned char*>(swapped.data()), swapped.size()));
+  const std::string idFirst = StoreContent(folder, first);
+  const std::string idSwapped = StoreContent(folder, swapped);
+  EXPECT_NE(idFirst, idSwapped);
+  EXPECT_EQ(ReadWholeFile(folder + "/" + idFirst), first);
+  EXPECT_EQ(ReadWholeFile(folder + "/" + idSwapped), swapped);
+  EXPECT_EQ(Gunzip(ReadWholeFile(folder + "/" + idSwapped + ".g")), swapped);
+  EXPECT_EQ(StoreContent(folder, swapped), idSwapped);
+  EXPECT_EQ(StoreContent(folder, first), idFirst);
+  EXPECT_EQ(
+      idSwapped,
+      zelvarpack::ContentIdCandidate(
+          CollateHash(reinterpret_cast<const unsigned char*>(first.data()), first.size()), 1));
+}
+
+TEST(ContentIds, AMissingTwinIsWrittenAgain) {
+  TempDir dir;
+  const std::string folder = dir.File("css");
+  const std::string id = StoreContent(folder, "p{color:red}");
+  std::filesystem::remove(folder + "/" + id + ".g");
+  EXPECT_EQ(StoreContent(folder, "p{color:red}"), id);
+  EXPECT_EQ(Gunzip(ReadWholeFile(folder + "/" + id + ".g")), "p{color:red}");
+}
+
+TEST(ContentIds, GivesUpWhenEveryCandidateHoldsOtherBytes) {
+  TempDir dir;
+  const std::string folder = dir.File("js");
+  const std::string text = "x";
+  const std::int32_t hash = CollateHash(reinterpret_cast<const unsigned char*>(text.data()), 1);
+  std::filesystem::create_directories(folder);
+  for (int attempt = 0; attempt < zelvarpack::kContentIdCandidates; ++attempt) {
+    WriteWholeFile(folder + "/" + zelvarpack::ContentIdCandidate(hash, attempt), "other");
+  }
+  EXPECT_EQ(StoreContent(folder, text), "");
 }
 
 }  // namespace

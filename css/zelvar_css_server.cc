@@ -187,9 +187,10 @@ std::string CZelvarCssServer::GetMinifiedId() {
   const std::string id =
       ContentId(output_->GetValue(), static_cast<std::size_t>(output_->GetValueLength()));
   if (isFilter_) return id;
-  zelvarpack::StoreWithGzipTwin(state_->cacheDirectory + "/css", id, output_->GetValue(),
-                                static_cast<std::size_t>(output_->GetValueLength()));
-  return id;
+  const std::size_t length = static_cast<std::size_t>(output_->GetValueLength());
+  return zelvarpack::StoreContentWithGzipTwin(state_->cacheDirectory + "/css",
+                                              CollateHash(output_->GetValue(), length),
+                                              output_->GetValue(), length);
 }
 
 CZelvarBuffer* CZelvarCssServer::GetMinifiedId(std::string id, bool& gzip) {

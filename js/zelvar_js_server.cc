@@ -11,11 +11,9 @@ CZelvarJSServer::CZelvarJSServer(char* cachePath)
 CZelvarJSServer::~CZelvarJSServer() = default;
 
 std::string CZelvarJSServer::Store() {
-  const std::string id =
-      ContentId(content_.GetValue(), static_cast<std::size_t>(content_.GetValueLength()));
-  zelvarpack::StoreWithGzipTwin(cachePath_ + "/js", id, content_.GetValue(),
-                                static_cast<std::size_t>(content_.GetValueLength()));
-  return id;
+  const std::size_t length = static_cast<std::size_t>(content_.GetValueLength());
+  return zelvarpack::StoreContentWithGzipTwin(
+      cachePath_ + "/js", CollateHash(content_.GetValue(), length), content_.GetValue(), length);
 }
 
 CZelvarBuffer* CZelvarJSServer::GetRawId(std::string id, bool& wasGzip) {

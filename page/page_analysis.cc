@@ -188,6 +188,11 @@ bool TakeStyle(PageState& page, const TagRecord& tag) {
   page.inlineStylesDigest.UpdatePiece("<style>");
   page.inlineStylesUsed = true;
   page.insideOptimisedStyle = true;
+  PageSegment& segment = page.AddSegment(SegmentKind::kInlineStyle);
+  segment.element = tag;
+  page.inlineStyle = &segment;
+  page.AddSegment(SegmentKind::kText);
+  page.lastTextWasBlank = false;
   return true;
 }
 
@@ -225,8 +230,12 @@ void EndInlineScript(PageState& page) {
   page.insideInlineScript = false;
   if (IsSafeForEval(page.inlineScriptText)) {
     const std::int32_t number = ++page.scriptNumber;
-    WriteRecord(page, page.inlineScriptTag, {"zp_js_on", "zp_js_off"});
-    *page.text += ScriptEvalCall(number);
+    PageSegment& segment = page.AddSegment(SegmentKind::kInlineScript);
+    segment.element = page.inlineScriptTag;
+    segment.scriptNumber = number;
+    segment.inlineText = page.inlineScriptText;
+    page.AddSegment(SegmentKind::kText);
+    page.lastTextWasBlank = false;
     CZelvarBuffer* content = page.inlineScripts->GetContent();
     std::string literal = ScriptVariableOpening(number);
     AppendEscapedScript(literal, page.inlineScriptText);
@@ -323,6 +332,8 @@ void AnalyseTag(PageState& page, const HtmlTagToken& tag) {
       page.inlineStyles->EndInlineWork();
       page.inlineStylesDigest.UpdatePiece("</style>");
       page.insideOptimisedStyle = false;
+      html::AppendTag(page.inlineStyle->closing, tag);
+      page.inlineStyle = nullptr;
       return;
     }
     WriteTag(page, tag);
@@ -359,6 +370,7 @@ void AnalyseText(PageState& page, const HtmlTextToken& token) {
   }
   if (page.insideOptimisedStyle) {
     page.inlineStylesDigest.Update(text);
+    page.inlineStyle->inlineText += text;
     std::string copy(text);
     page.inlineStyles->AddInlineWork(reinterpret_cast<unsigned char*>(copy.data()),
                                      static_cast<std::int32_t>(copy.size()));
@@ -400,6 +412,7 @@ void FinishAnalysis(PageState& page) {
     page.inlineStyles->EndInlineWork();
     page.inlineStylesDigest.UpdatePiece("</style>");
     page.insideOptimisedStyle = false;
+    page.inlineStyle = nullptr;
   }
   if (page.insideInlineScript) {
     // Without its end tag the script is not complete: it stays as it was.

@@ -31,6 +31,11 @@ enum class SegmentKind : std::uint32_t {
   kImage = 3,       // an <img> being fetched
   kScript = 4,      // a <script src> being fetched
   kText = 6,        // markup and text copied through
+  // The engine's own additions: an inline <style> block and an inline
+  // script taken into their groups, kept so that the element can be
+  // written back as it was when its group could not be stored.
+  kInlineStyle = 7,
+  kInlineScript = 8,
 };
 
 struct PageSegment {
@@ -42,8 +47,13 @@ struct PageSegment {
 
   // kStylesheet and kScript: the fetched body went into a group.
   bool combined = false;
-  // kScript: the number of its variable in the combined script.
+  // kScript and kInlineScript: the number of its variable in the combined
+  // script.
   std::int32_t scriptNumber = 0;
+  // kInlineStyle and kInlineScript: the element's own text, and (style) its
+  // end tag as written.
+  std::string inlineText;
+  std::string closing;
 
   // kImage: the size texts handed to the image server, its handle there, and
   // where the image landed.
@@ -131,6 +141,7 @@ struct PageState {
   bool headSeen = false;
   bool lastTextWasBlank = false;
   bool insideOptimisedStyle = false;
+  PageSegment* inlineStyle = nullptr;  // the open kInlineStyle segment
   bool insideFetchedScript = false;
   // An inline script that may be combined: its tag and text wait for its end
   // tag, when the whole text is known and can be judged.

@@ -131,10 +131,27 @@ void WritePage(PageState& page, std::string& out) {
         html::AppendTag(out, segment.element);
         break;
       case SegmentKind::kStylesheet:
-        if (!segment.combined) html::AppendTag(out, segment.element, {"zp_css_on", "zp_css_off"});
+        if (!segment.combined || page.linkedStylesId.empty()) {
+          html::AppendTag(out, segment.element, {"zp_css_on", "zp_css_off"});
+        }
+        break;
+      case SegmentKind::kInlineStyle:
+        if (page.inlineStylesId.empty()) {
+          html::AppendTag(out, segment.element, {"zp_css_on", "zp_css_off"});
+          out += segment.inlineText;
+          out += segment.closing;
+        }
+        break;
+      case SegmentKind::kInlineScript:
+        html::AppendTag(out, segment.element, {"zp_js_on", "zp_js_off"});
+        if (page.inlineScriptsId.empty()) {
+          out += segment.inlineText;
+        } else {
+          out += ScriptEvalCall(segment.scriptNumber);
+        }
         break;
       case SegmentKind::kScript:
-        if (segment.combined) {
+        if (segment.combined && !page.fetchedScriptsId.empty()) {
           html::AppendTagOpening(out, segment.element, {"src", "zp_js_on", "zp_js_off"});
           out += '>';
           out += ScriptEvalCall(segment.scriptNumber);

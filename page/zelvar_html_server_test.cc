@@ -443,6 +443,21 @@ TEST_F(ScriptedPage, ManyResourcesRunSixteenAtATime) {
   EXPECT_EQ(o.requestsBefore, 201);
 }
 
+// When the cache cannot take a group (here its folders are files), every
+// element of that group is written back as it was: a page never links to a
+// handler URL that nothing answers, nor evaluates a script nobody defined.
+TEST_F(ScriptedPage, GroupsThatCannotBeStoredLeaveTheirElementsAsTheyWere) {
+  server_.Reply("/dir/a.css", Ok("text/css", "p{color:red}"));
+  server_.Reply("/dir/a.js", Ok("text/javascript", "var a = 1;"));
+  WriteWholeFile(cache_.File("css"), "not a folder");
+  WriteWholeFile(cache_.File("js"), "not a folder");
+  const std::string page =
+      "<html><head><link rel=stylesheet href=a.css><style>p{margin:0}</style>"
+      "<script src=a.js></script><script>var b = 2;</script></head><body></body></html>";
+  const Optimised o = Optimise(page, PageSettings());
+  EXPECT_EQ(o.page, page);
+}
+
 TEST_F(ScriptedPage, GzipThatDoesNotShrinkGivesThePlainPage) {
   Settings s = PageSettings();
   auto server = MakeServer(s);
