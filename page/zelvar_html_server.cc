@@ -9,6 +9,7 @@
 #include "core/file_lock.h"
 #include "core/identifiers.h"
 #include "core/sha256.h"
+#include "page/image_checks.h"
 #include "page/page_analysis.h"
 #include "page/page_state.h"
 #include "page/page_writer.h"
@@ -293,6 +294,7 @@ void CZelvarHtmlServer::DoWork() {
         break;
       }
       case SegmentKind::kImage:
+        if (zelvarpack::page::PngWouldLoseTransparency(BodyText(body))) break;
         images.push_back(&segment);
         imageDigest.UpdatePiece(BodyText(body));
         imageDigest.UpdatePiece(segment.declaredWidth);
