@@ -286,9 +286,12 @@ void HandleMarker(PageState& page, std::string_view body, bool& consumed) {
 }  // namespace
 
 PageSegment& PageState::AddSegment(SegmentKind kind) {
+  if (!segments.empty() && segments.back().kind == SegmentKind::kText) {
+    segments.back().textEnd = markup.size();
+  }
   PageSegment& segment = segments.emplace_back();
   segment.kind = kind;
-  if (kind == SegmentKind::kText) text = &segment.text;
+  segment.textBegin = segment.textEnd = markup.size();
   return segment;
 }
 
@@ -408,6 +411,11 @@ void AnalyseText(PageState& page, const HtmlTextToken& token) {
 }
 
 void FinishAnalysis(PageState& page) {
+  // Whatever happens below, the last text segment ends with the markup.
+  struct CloseLastText {
+    PageState& page;
+    ~CloseLastText() { page.segments.back().textEnd = page.markup.size(); }
+  } close{page};
   if (page.insideOptimisedStyle) {
     page.inlineStyles->EndInlineWork();
     page.inlineStylesDigest.UpdatePiece("</style>");

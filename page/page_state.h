@@ -41,7 +41,9 @@ enum class SegmentKind : std::uint32_t {
 struct PageSegment {
   SegmentKind kind = SegmentKind::kText;
   html::TagRecord element;          // kinds other than kText
-  std::string text;                 // kText: the markup as it will be written
+  // kText: where its markup lies in PageState::markup, [textBegin, textEnd).
+  std::size_t textBegin = 0;
+  std::size_t textEnd = 0;
   std::shared_ptr<FetchJob> fetch;  // kStylesheet, kImage, kScript
   bool done = false;                // fetched in time, with a body
 
@@ -110,10 +112,12 @@ struct PageState {
   // above goes.
   std::unique_ptr<FetchPool> fetches;
 
-  // The segments in page order. The last one is always a kText segment, and
-  // `text` is its markup, where copied bytes go.
+  // The segments in page order. The last one is always a kText segment; its
+  // markup is the end of `markup`, the one string all text segments share
+  // (one block for the whole page instead of one per segment).
   std::deque<PageSegment> segments;
-  std::string* text = nullptr;
+  std::string markup;
+  std::string* text = &markup;
   bool hasHeadStart = false;
   bool hasHeadEnd = false;
 

@@ -112,7 +112,7 @@ void WritePage(PageState& page, std::string& out) {
   for (const PageSegment& segment : page.segments) {
     switch (segment.kind) {
       case SegmentKind::kText:
-        out += segment.text;
+        out.append(page.markup, segment.textBegin, segment.textEnd - segment.textBegin);
         break;
       case SegmentKind::kHeadStart:
         html::AppendTag(out, segment.element);

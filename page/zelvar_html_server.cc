@@ -229,11 +229,15 @@ void CZelvarHtmlServer::DoWork() {
   if (page.worked) return;
   page.worked = true;
 
-  // 1. Tokenize a copy: the tokenizer turns CRs into LFs in place, and a page
-  // that is returned unchanged must keep its own bytes.
-  {
-    std::string work(reinterpret_cast<const char*>(page.input.GetValue()),
-                     static_cast<std::size_t>(page.input.GetValueLength()));
+  // 1. Tokenize. The tokenizer turns CRs into LFs in place, and a page that
+  // is returned unchanged must keep its own bytes: a page holding a CR is
+  // tokenized from a copy.
+  const std::size_t inputLength = static_cast<std::size_t>(page.input.GetValueLength());
+  page.markup.reserve(inputLength + inputLength / 8 + 256);
+  if (std::memchr(page.input.GetValue(), '\r', inputLength) == nullptr) {
+    page.constructor->Tokenizer()->Tokenize(page.input.GetValue(), static_cast<int>(inputLength));
+  } else {
+    std::string work(reinterpret_cast<const char*>(page.input.GetValue()), inputLength);
     page.constructor->Tokenizer()->Tokenize(reinterpret_cast<unsigned char*>(work.data()),
                                             static_cast<int>(work.size()));
   }
@@ -329,11 +333,11 @@ void CZelvarHtmlServer::DoWork() {
 
   // 7. Write the new page.
   std::string out;
-  out.reserve(static_cast<std::size_t>(page.input.GetValueLength()) + 4096);
+  out.reserve(page.markup.size() + 256 * page.segments.size() + 4096);
   zelvarpack::page::WritePage(page, out);
-  AppendTo(page.output, out);
   page.segments.clear();
-  page.text = nullptr;
+  std::string().swap(page.markup);
+  AppendTo(page.output, out);
 
   // 8. Give downloads still running one more time-out to end.
   page.fetches->Join(std::chrono::steady_clock::now() + timeout);
