@@ -10,11 +10,12 @@ set -euo pipefail
 # its two drivers and the server its tests start on loopback. libpng-dev,
 # libjpeg62-turbo-dev, libgif-dev, libdeflate-dev: the image codecs (the
 # last compresses PNG sheets); apache2-data: real GIF
-# and PNG icons for the image tests.
+# and PNG icons for the image and video tests; lomiri-wallpapers-20.04: real
+# photographs for the video tests.
 packages=(cmake ninja-build pkg-config g++ clang libclang-rt-14-dev libgtest-dev zlib1g-dev python3
   libcurl4-openssl-dev ca-certificates nginx openssl alsa-utils espeak-ng
   unixodbc-dev libsqliteodbc odbc-postgresql postgresql
-  libpng-dev libjpeg62-turbo-dev libgif-dev libdeflate-dev apache2-data "$@")
+  libpng-dev libjpeg62-turbo-dev libgif-dev libdeflate-dev apache2-data lomiri-wallpapers-20.04 "$@")
 missing=()
 for package in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' ||
