@@ -52,6 +52,10 @@ class Radix2Fft {
   // order (a fingerprint can place its samples there directly).
   void Butterflies(double* real, double* imaginary) const;
 
+  // Transform over `rows` transforms stored one after another (the rows of
+  // a row-major grid Points() wide), each exactly as Transform would.
+  void TransformRows(double* real, double* imaginary, int rows) const;
+
   // The same stages over `width` interleaved transforms: point i of
   // transform c is element i * width + c, so the columns of a row-major
   // grid `width` wide are transformed together, each exactly as Transform
@@ -59,6 +63,8 @@ class Radix2Fft {
   void TransformColumns(double* real, double* imaginary, int width) const;
 
  private:
+  void ButterfliesOver(double* real, double* imaginary, int total) const;
+
   int points_;
   bool wideVectors_;
   // Twiddle j of the stage whose butterflies span 2h points sits at index
