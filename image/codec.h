@@ -162,7 +162,9 @@ class JpegRowEncoder {
   std::unique_ptr<State> state_;
 };
 
-// Per-format decoders behind DecodeImage; `out` is empty on failure.
+// Per-format decoders behind DecodeImage; `out` is empty on failure. The
+// JPEG and PNG decoders reuse `out`'s pixel memory when it is large enough,
+// so a caller decoding many pictures of one size allocates once.
 bool DecodeGif(const std::uint8_t* bytes, std::size_t count, const DecodeLimits& limits,
                RgbaImage& out);
 bool DecodeJpeg(const std::uint8_t* bytes, std::size_t count, const DecodeLimits& limits,

@@ -223,7 +223,10 @@ bool EncodeRows(std::int32_t width, std::int32_t height, const RowSource& rows, 
 
 bool DecodeJpeg(const std::uint8_t* bytes, std::size_t count, const DecodeLimits& limits,
                 RgbaImage& out) {
+  // The caller's pixel memory is reused when it is large enough.
   RgbaImage image;
+  image.pixels.swap(out.pixels);
+  image.pixels.clear();
   PixelSink sink{&limits, &image, false};
   const bool ok = DecodeRaw(bytes, count, &sink);
   if (sink.outOfMemory) throw std::bad_alloc();

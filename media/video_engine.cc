@@ -45,7 +45,12 @@ TileEntry VideoEngine::Place(int bucket, const std::uint8_t* tile) {
     ++mosaicsStarted_;
     mosaic->fd = OpenRetrying(files_.PathOf(name).c_str(), O_WRONLY | O_CREAT | O_TRUNC);
     if (mosaic->fd < 0) ThrowMediaError(kCouldNotOpenFile);
-    mosaic->row.resize(kFrameStride * kTileHeight);
+    if (spareRows_.empty()) {
+      mosaic->row.resize(kFrameStride * kTileHeight);
+    } else {
+      mosaic->row = std::move(spareRows_.back());
+      spareRows_.pop_back();
+    }
     Mosaic* raw = mosaic.get();
     const bool started = mosaic->encoder.Start(kFrameWidth, kFrameHeight, kQuality,
                                                [raw](const std::uint8_t* bytes, std::size_t count) {
@@ -67,6 +72,7 @@ TileEntry VideoEngine::Place(int bucket, const std::uint8_t* tile) {
   const TileEntry entry{mosaic.record, static_cast<std::uint8_t>(place)};
   if (mosaic.placed == kPlacesPerMosaic) {
     Finish(mosaic);
+    spareRows_.push_back(std::move(mosaic.row));
     slot.reset();
   }
   return entry;

@@ -73,6 +73,9 @@ class VideoEngine {
   std::array<std::unique_ptr<Mosaic>, VideoFingerprint::kBuckets> open_;
   VideoFingerprint fingerprint_;
   std::uint32_t mosaicsStarted_ = 0;
+  // Row memory of finished mosaics, for the next ones: taken fresh, it would
+  // cost the kernel a page fault per 4 KiB.
+  std::vector<image::PixelBytes> spareRows_;
 };
 
 }  // namespace zelvarpack

@@ -63,6 +63,27 @@ TEST(VideoFingerprint, LumaGridAveragesCellsOfEightByNine) {
   for (std::size_t i = 1; i < grid.size(); ++i) EXPECT_EQ(grid[i], 0.0) << i;
 }
 
+TEST(VideoFingerprint, LumaGridTruncatesEachPixelThenAverages) {
+  std::mt19937 random(5);
+  std::uniform_int_distribution<int> byte(0, 255);
+  std::vector<std::uint8_t> tile(kStride * 72);
+  for (std::uint8_t& b : tile) b = static_cast<std::uint8_t>(byte(random));
+  std::vector<double> grid(VideoFingerprint::kCells);
+  VideoFingerprint::LumaGrid(tile.data(), kStride, grid.data());
+  for (int cy = 0; cy < 8; ++cy) {
+    for (int cx = 0; cx < 16; ++cx) {
+      unsigned sum = 0;
+      for (int y = cy * 9; y < cy * 9 + 9; ++y) {
+        for (int x = cx * 8; x < cx * 8 + 8; ++x) {
+          const std::uint8_t* p = tile.data() + kStride * static_cast<std::size_t>(y) + 4 * x;
+          sum += (77u * p[0] + 150u * p[1] + 29u * p[2]) / 256;
+        }
+      }
+      EXPECT_EQ(grid[static_cast<std::size_t>(cy * 16 + cx)], sum / 72.0) << cx << ", " << cy;
+    }
+  }
+}
+
 TEST(VideoFingerprint, FlatTilesSortByBrightnessAlone) {
   // Brightness in the top three bits, texture 0, then a finer brightness.
   EXPECT_EQ(Bucket(Tile([](int, int) { return 0; })), 0);

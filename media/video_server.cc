@@ -27,8 +27,8 @@ constexpr std::int64_t kMaxFrameFileBytes = 64 << 20;
 // beyond 8 GiB is refused rather than read into memory.
 constexpr std::int64_t kMaxIndexBytes = std::int64_t{8} << 30;
 
-// Reads all of a file, or throws.
-std::vector<std::uint8_t> ReadWhole(const char* path, std::int64_t limit) {
+// Reads all of a file into `bytes` (whose memory is reused), or throws.
+void ReadWhole(const char* path, std::int64_t limit, std::vector<std::uint8_t>& bytes) {
   const int fd = OpenRetrying(path, O_RDONLY);
   if (fd < 0) ThrowMediaError(kCouldNotOpenFile);
   struct stat info;
@@ -40,11 +40,10 @@ std::vector<std::uint8_t> ReadWhole(const char* path, std::int64_t limit) {
     CloseFile(fd);
     ThrowMediaError(kInvalidFile);
   }
-  std::vector<std::uint8_t> bytes(static_cast<std::size_t>(info.st_size));
+  bytes.resize(static_cast<std::size_t>(info.st_size));
   const std::int64_t got = ReadFully(fd, bytes.data(), bytes.size());
   CloseFile(fd);
   if (got != static_cast<std::int64_t>(bytes.size())) ThrowMediaError(kCouldNotOpenFile);
-  return bytes;
 }
 
 bool PreadFully(int fd, std::uint64_t offset, void* bytes, std::size_t count) {
@@ -60,9 +59,10 @@ bool PreadFully(int fd, std::uint64_t offset, void* bytes, std::size_t count) {
   return true;
 }
 
-// A 1920 x 1080 picture from a JPEG or PNG, or "Invalid file.". The limits
-// refuse a larger picture before its pixels are allocated.
-image::RgbaImage DecodeFrame(const std::vector<std::uint8_t>& bytes) {
+// A 1920 x 1080 picture from a JPEG or PNG into `frame` (whose memory is
+// reused), or "Invalid file.". The limits refuse a larger picture before its
+// pixels are allocated.
+void DecodeFrame(const std::vector<std::uint8_t>& bytes, image::RgbaImage& frame) {
   const image::ImageFormat format = image::SniffImageFormat(bytes.data(), bytes.size());
   if (format != image::ImageFormat::kJpeg && format != image::ImageFormat::kPng) {
     ThrowMediaError(kInvalidFile);
@@ -71,12 +71,10 @@ image::RgbaImage DecodeFrame(const std::vector<std::uint8_t>& bytes) {
   limits.maxSide = kFrameWidth;
   limits.maxPixels = std::int64_t{kFrameWidth} * kFrameHeight;
   image::ImageFormat found;
-  image::RgbaImage frame;
   if (!image::DecodeImage(bytes.data(), bytes.size(), limits, found, frame) ||
       frame.width != kFrameWidth || frame.height != kFrameHeight) {
     ThrowMediaError(kInvalidFile);
   }
-  return frame;
 }
 
 // What a handle points to.
@@ -107,9 +105,10 @@ class VideoServer {
     if (framePath == nullptr) ThrowMediaError(kCouldNotOpenFile);
     // The whole frame is read and decoded before any tile is placed, so a
     // refused frame leaves no trace.
-    const image::RgbaImage frame = DecodeFrame(ReadWhole(framePath, kMaxFrameFileBytes));
+    ReadWhole(framePath, kMaxFrameFileBytes, fileBytes_);
+    DecodeFrame(fileBytes_, frame_);
     StartWriting();
-    engine_->AddFrame(frame, pendingIndex_);
+    engine_->AddFrame(frame_, pendingIndex_);
   }
 
   void Flush() {
@@ -126,7 +125,8 @@ class VideoServer {
   void Read() {
     if (writer_) ThrowMediaError(kTesseraWriteOnly);
     if (dataInput_ >= 0) return;
-    const std::vector<std::uint8_t> index = ReadWhole(indexPath_.c_str(), kMaxIndexBytes);
+    std::vector<std::uint8_t> index;
+    ReadWhole(indexPath_.c_str(), kMaxIndexBytes, index);
     const int fd = OpenRetrying(dataPath_.c_str(), O_RDONLY);
     if (fd < 0) ThrowMediaError(kCouldNotOpenFile);
     struct stat info;
@@ -174,7 +174,8 @@ class VideoServer {
       if (image::SniffImageFormat(record.data(), record.size()) != image::ImageFormat::kJpeg) {
         ThrowMediaError(kInvalidFile);
       }
-      const image::RgbaImage picture = DecodeFrame(record);
+      DecodeFrame(record, frame_);
+      const image::RgbaImage& picture = frame_;
       for (const int t : members) {
         const int place = tiles[t].place;
         const std::uint8_t* from =
@@ -216,6 +217,9 @@ class VideoServer {
   // The entries of the frames written since the last Flush.
   std::vector<std::uint8_t> pendingIndex_;
   bool flushed_ = false;
+  // The frame or mosaic last read and decoded; their memory serves the next.
+  std::vector<std::uint8_t> fileBytes_;
+  image::RgbaImage frame_;
   // Reading.
   int dataInput_ = -1;
   std::vector<RecordSpan> records_;
