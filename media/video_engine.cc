@@ -3,6 +3,8 @@
 #include <fcntl.h>
 
 #include <cstring>
+#include <exception>
+#include <thread>
 
 #include "media/media_io.h"
 
@@ -36,21 +38,42 @@ VideoEngine::VideoEngine(std::string workDirectory) : files_(std::move(workDirec
 
 VideoEngine::~VideoEngine() = default;
 
-TileEntry VideoEngine::Place(int bucket, const std::uint8_t* tile) {
-  std::unique_ptr<Mosaic>& slot = open_[static_cast<std::size_t>(bucket)];
-  if (!slot) {
-    auto mosaic = std::make_unique<Mosaic>();
-    std::string name;
-    mosaic->record = files_.Start(name);
+// One tile's part in a frame, planned on the caller's thread.
+struct VideoEngine::Step {
+  const std::uint8_t* tile;
+  int bucket;
+  TileEntry entry;
+  bool starts;  // the tile opens a new mosaic, named `name`
+  std::string name;
+};
+
+void VideoEngine::Plan(Step& step) {
+  Planned& planned = planned_[static_cast<std::size_t>(step.bucket)];
+  step.starts = planned.placed < 0;
+  if (step.starts) {
+    planned.record = files_.Start(step.name);
+    planned.placed = 0;
     ++mosaicsStarted_;
-    mosaic->fd = OpenRetrying(files_.PathOf(name).c_str(), O_WRONLY | O_CREAT | O_TRUNC);
+  }
+  step.entry = {planned.record, static_cast<std::uint8_t>(planned.placed)};
+  if (++planned.placed == kPlacesPerMosaic) planned.placed = -1;
+}
+
+void VideoEngine::Place(const Step& step) {
+  std::unique_ptr<Mosaic>& slot = open_[static_cast<std::size_t>(step.bucket)];
+  if (step.starts) {
+    auto mosaic = std::make_unique<Mosaic>();
+    mosaic->record = step.entry.mosaic;
+    mosaic->fd = OpenRetrying(files_.PathOf(step.name).c_str(), O_WRONLY | O_CREAT | O_TRUNC);
     if (mosaic->fd < 0) ThrowMediaError(kCouldNotOpenFile);
-    if (spareRows_.empty()) {
-      mosaic->row.resize(kFrameStride * kTileHeight);
-    } else {
-      mosaic->row = std::move(spareRows_.back());
-      spareRows_.pop_back();
+    {
+      const std::lock_guard<std::mutex> lock(spareMutex_);
+      if (!spareRows_.empty()) {
+        mosaic->row = std::move(spareRows_.back());
+        spareRows_.pop_back();
+      }
     }
+    mosaic->row.resize(kFrameStride * kTileHeight);
     Mosaic* raw = mosaic.get();
     const bool started = mosaic->encoder.Start(kFrameWidth, kFrameHeight, kQuality,
                                                [raw](const std::uint8_t* bytes, std::size_t count) {
@@ -60,35 +83,75 @@ TileEntry VideoEngine::Place(int bucket, const std::uint8_t* tile) {
     slot = std::move(mosaic);
   }
   Mosaic& mosaic = *slot;
-  const int place = mosaic.placed;
-  const int column = place % kTilesAcross;
+  const int column = step.entry.place % kTilesAcross;
   std::uint8_t* to = mosaic.row.data() + kTileRowBytes * static_cast<std::size_t>(column);
   for (int y = 0; y < kTileHeight; ++y) {
     std::memcpy(to + kFrameStride * static_cast<std::size_t>(y),
-                tile + kFrameStride * static_cast<std::size_t>(y), kTileRowBytes);
+                step.tile + kFrameStride * static_cast<std::size_t>(y), kTileRowBytes);
   }
   ++mosaic.placed;
   if (column == kTilesAcross - 1) mosaic.WriteRows(mosaic.row.data(), kTileHeight, kFrameStride);
-  const TileEntry entry{mosaic.record, static_cast<std::uint8_t>(place)};
   if (mosaic.placed == kPlacesPerMosaic) {
     Finish(mosaic);
-    spareRows_.push_back(std::move(mosaic.row));
+    {
+      const std::lock_guard<std::mutex> lock(spareMutex_);
+      spareRows_.push_back(std::move(mosaic.row));
+    }
     slot.reset();
   }
-  return entry;
 }
 
 void VideoEngine::AddFrame(const image::RgbaImage& frame, std::vector<std::uint8_t>& index) {
+  // 1. Fingerprints, and the plan: which mosaic and place each tile takes,
+  // in tile order, so that record numbers and names never depend on the
+  // threads below.
+  std::vector<Step> steps(kTilesPerFrame);
+  std::array<int, VideoFingerprint::kBuckets> tilesIn{};
   const std::uint8_t* pixels = frame.pixels.data();
-  for (int ty = 0; ty < kTilesDown; ++ty) {
-    for (int tx = 0; tx < kTilesAcross; ++tx) {
-      const std::uint8_t* tile = pixels +
-                                 kFrameStride * static_cast<std::size_t>(ty * kTileHeight) +
-                                 kTileRowBytes * static_cast<std::size_t>(tx);
-      const int bucket = fingerprint_.BucketOf(tile, kFrameStride);
-      AppendTileEntry(Place(bucket, tile), index);
-    }
+  for (int t = 0; t < kTilesPerFrame; ++t) {
+    Step& step = steps[static_cast<std::size_t>(t)];
+    step.tile = pixels + kFrameStride * static_cast<std::size_t>(t / kTilesAcross * kTileHeight) +
+                kTileRowBytes * static_cast<std::size_t>(t % kTilesAcross);
+    step.bucket = fingerprint_.BucketOf(step.tile, kFrameStride);
+    Plan(step);
+    ++tilesIn[static_cast<std::size_t>(step.bucket)];
   }
+  // 2. The tesserae are independent: two threads place and encode the
+  // tiles, each its own buckets (shared out by tile count) in tile order,
+  // so every mosaic gets exactly the bytes one thread would give it.
+  std::array<bool, VideoFingerprint::kBuckets> second{};
+  int load[2] = {0, 0};
+  for (std::size_t b = 0; b < tilesIn.size(); ++b) {
+    if (tilesIn[b] == 0) continue;
+    second[b] = load[1] < load[0];
+    load[second[b] ? 1 : 0] += tilesIn[b];
+  }
+  const auto run = [&](bool part) {
+    for (const Step& step : steps) {
+      if (second[static_cast<std::size_t>(step.bucket)] == part) Place(step);
+    }
+  };
+  if (load[1] > 0) {
+    std::exception_ptr failed;
+    std::thread helper([&] {
+      try {
+        run(true);
+      } catch (...) {
+        failed = std::current_exception();
+      }
+    });
+    try {
+      run(false);
+    } catch (...) {
+      helper.join();
+      throw;
+    }
+    helper.join();
+    if (failed) std::rethrow_exception(failed);
+  } else {
+    run(false);
+  }
+  for (const Step& step : steps) AppendTileEntry(step.entry, index);
 }
 
 void VideoEngine::Finish(Mosaic& mosaic) {

@@ -22,13 +22,19 @@
 // rebuilt frames of the tests' photographs and icon pages at 38 to 50 dB
 // PSNR.
 //
-// Thread safety: none; an engine belongs to one server handle.
+// Each AddFrame places and encodes its tiles on two threads, the caller's and
+// one it starts and joins before returning: the tesserae are shared out
+// between them, so each mosaic is still written by one thread, in tile
+// order, and the files are the same bytes as one thread would write.
+//
+// Thread safety: none for callers; an engine belongs to one server handle.
 #ifndef ZELVARPACK_MEDIA_VIDEO_ENGINE_H_
 #define ZELVARPACK_MEDIA_VIDEO_ENGINE_H_
 
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -66,16 +72,29 @@ class VideoEngine {
  private:
   struct Mosaic;
 
-  TileEntry Place(int bucket, const std::uint8_t* tile);
+  struct Step;
+  // Where a bucket's next tile goes, as planned: its open mosaic's record
+  // and the next place, or placed -1 when the next tile starts a mosaic.
+  struct Planned {
+    std::uint32_t record = 0;
+    int placed = -1;
+  };
+
+  void Plan(Step& step);
+  // Places one planned tile; touches only its bucket's mosaic (and the
+  // spare rows, under their mutex), so buckets may be placed in parallel.
+  void Place(const Step& step);
   void Finish(Mosaic& mosaic);
 
   TesseraFiles files_;
   std::array<std::unique_ptr<Mosaic>, VideoFingerprint::kBuckets> open_;
+  std::array<Planned, VideoFingerprint::kBuckets> planned_;
   VideoFingerprint fingerprint_;
   std::uint32_t mosaicsStarted_ = 0;
   // Row memory of finished mosaics, for the next ones: taken fresh, it would
   // cost the kernel a page fault per 4 KiB.
-  std::vector<image::PixelBytes> spareRows_;
+  std::mutex spareMutex_;
+  std::vector<image::PixelBytes> spareRows_;  // guarded by spareMutex_
 };
 
 }  // namespace zelvarpack
