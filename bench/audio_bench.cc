@@ -24,6 +24,7 @@
 
 #include "media/audio_fingerprint.h"
 #include "media/wav_reader.h"
+#include "tests/textbook_fft.h"
 #include "zelvarpack/zelvar_audio_server.h"
 
 namespace {
@@ -66,45 +67,6 @@ double SecondsOfSound(const std::string& path, std::int64_t pcmBytes) {
   const std::uint32_t byteRate = header[28] | header[29] << 8 | header[30] << 16 |
                                  static_cast<std::uint32_t>(header[31]) << 24;
   return byteRate == 0 ? 0.0 : static_cast<double>(pcmBytes) / byteRate;
-}
-
-void TextbookTransform(double* x, double* y) {
-  for (int i = 0, j = 0; i < kN - 1; ++i) {
-    if (i < j) {
-      std::swap(x[i], x[j]);
-      std::swap(y[i], y[j]);
-    }
-    int k = kN >> 1;
-    while (k <= j) {
-      j -= k;
-      k >>= 1;
-    }
-    j += k;
-  }
-  double c1 = -1.0, c2 = 0.0;
-  for (int l1 = 1; l1 < kN; l1 *= 2) {
-    double u1 = 1.0, u2 = 0.0;
-    for (int j = 0; j < l1; ++j) {
-      for (int i = j; i < kN; i += 2 * l1) {
-        const int i1 = i + l1;
-        const double t1 = u1 * x[i1] - u2 * y[i1];
-        const double t2 = u1 * y[i1] + u2 * x[i1];
-        x[i1] = x[i] - t1;
-        y[i1] = y[i] - t2;
-        x[i] += t1;
-        y[i] += t2;
-      }
-      const double z = u1 * c1 - u2 * c2;
-      u2 = u1 * c2 + u2 * c1;
-      u1 = z;
-    }
-    c2 = -std::sqrt((1.0 - c1) / 2.0);
-    c1 = std::sqrt((1.0 + c1) / 2.0);
-  }
-  for (int i = 0; i < kN; ++i) {
-    x[i] /= kN;
-    y[i] /= kN;
-  }
 }
 
 // Runs `one(frame)` over all frames, round after round, for at least a
@@ -188,7 +150,7 @@ int main(int argc, char** argv) {
     tre = re;
     tim = im;
     ours.Transform(re.data(), im.data());
-    TextbookTransform(tre.data(), tim.data());
+    zelvarpack::reference::TextbookFft(tre.data(), tim.data(), kN);
     for (int i = 0; i < kN; ++i) {
       if (re[i] != tre[i] || im[i] != tim[i]) {
         std::printf("transform: MISMATCH with the step-by-step loop at output %d\n", i);
@@ -220,7 +182,7 @@ int main(int argc, char** argv) {
   const double textbookRate = Rate(collector.frames, [&](const std::vector<double>& frame) {
     std::copy(frame.begin(), frame.end(), re.begin());
     std::fill(im.begin(), im.end(), 0.0);
-    TextbookTransform(re.data(), im.data());
+    zelvarpack::reference::TextbookFft(re.data(), im.data(), kN);
   });
   const double fftwRate = Rate(collector.frames, [&](const std::vector<double>& frame) {
     for (int i = 0; i < kN; ++i) {

@@ -10,6 +10,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <new>
 #include <string>
@@ -123,7 +124,47 @@ bool EncodeJpegSheet(std::int32_t width, std::int32_t height,
 // to 100 (0 is taken as 1, the lowest the encoder has).
 bool EncodeJpeg(const RgbaImage& image, int quality, std::string& out);
 
-// Per-format decoders behind DecodeImage; `out` is empty on failure.
+// A baseline JPEG written band by band, for an image whose rows become
+// known over a long time (a mosaic filled tile by tile): only the encoder's
+// few rows of working memory and a 16 KiB output buffer are held, and the
+// bytes go to `sink` as they are made. Chroma is sampled 4:2:2 (two columns
+// by one row), so the encoder works in blocks of 16 x 8 pixels and an image
+// cut into tiles whose sides are multiples of 16 and 8 is encoded tile by
+// tile: no sample of one tile mixes with another's. Not optimised Huffman
+// tables (those would need the whole image first).
+//
+// Thread safety: one object per thread; separate objects are independent.
+class JpegRowEncoder {
+ public:
+  // Takes bytes the encoder made; false stops it (the call then fails).
+  // Must not throw.
+  using Sink = std::function<bool(const std::uint8_t* bytes, std::size_t count)>;
+
+  JpegRowEncoder();
+  ~JpegRowEncoder();
+  JpegRowEncoder(const JpegRowEncoder&) = delete;
+  JpegRowEncoder& operator=(const JpegRowEncoder&) = delete;
+
+  // Begins a width x height image at `quality` (1 to 100). False on a bad
+  // size or a sink failure; the object is then spent.
+  bool Start(std::int32_t width, std::int32_t height, int quality, Sink sink);
+  // The next `count` rows, four bytes a pixel (R, G, B, ignored), each
+  // `stride` bytes after the one before. REQUIRES: Start succeeded, and no
+  // more rows than the image has in all.
+  bool WriteRows(const std::uint8_t* rows, std::int32_t count, std::size_t stride);
+  // After the last row: writes the end of the image and hands the rest of
+  // the bytes to the sink.
+  bool Finish();
+
+  struct State;  // the codec's own, opaque here
+
+ private:
+  std::unique_ptr<State> state_;
+};
+
+// Per-format decoders behind DecodeImage; `out` is empty on failure. The
+// JPEG and PNG decoders reuse `out`'s pixel memory when it is large enough,
+// so a caller decoding many pictures of one size allocates once.
 bool DecodeGif(const std::uint8_t* bytes, std::size_t count, const DecodeLimits& limits,
                RgbaImage& out);
 bool DecodeJpeg(const std::uint8_t* bytes, std::size_t count, const DecodeLimits& limits,

@@ -223,7 +223,10 @@ bool EncodeRows(std::int32_t width, std::int32_t height, const RowSource& rows, 
 
 bool DecodeJpeg(const std::uint8_t* bytes, std::size_t count, const DecodeLimits& limits,
                 RgbaImage& out) {
+  // The caller's pixel memory is reused when it is large enough.
   RgbaImage image;
+  image.pixels.swap(out.pixels);
+  image.pixels.clear();
   PixelSink sink{&limits, &image, false};
   const bool ok = DecodeRaw(bytes, count, &sink);
   if (sink.outOfMemory) throw std::bad_alloc();
@@ -251,6 +254,136 @@ bool EncodeJpegSheet(std::int32_t width, std::int32_t height,
   band.height = std::min(kBandRows, height);
   band.pixels.resize(static_cast<std::size_t>(width) * static_cast<std::size_t>(band.height) * 4);
   return EncodeRows(width, height, {nullptr, &placements, &band}, quality, out);
+}
+
+}  // namespace zelvarpack::image
+
+namespace zelvarpack::image {
+
+// The compressor, its error trap and its destination, at fixed addresses:
+// libjpeg keeps pointers to all three.
+struct JpegRowEncoder::State {
+  struct Destination {
+    jpeg_destination_mgr manager;  // first, so the libjpeg pointer converts back
+    State* owner;
+  };
+  static constexpr std::size_t kOutputBytes = 16384;
+
+  jpeg_compress_struct info;
+  ErrorTrap trap;
+  Destination destination;
+  Sink sink;
+  bool created = false;
+  bool failed = false;
+  unsigned char output[kOutputBytes];
+
+  static State* Of(j_compress_ptr info) {
+    return reinterpret_cast<Destination*>(info->dest)->owner;
+  }
+  static void Init(j_compress_ptr info) {
+    State* state = Of(info);
+    state->destination.manager.next_output_byte = state->output;
+    state->destination.manager.free_in_buffer = kOutputBytes;
+  }
+  static boolean Empty(j_compress_ptr info) {
+    State* state = Of(info);
+    if (!state->sink(state->output, kOutputBytes)) ERREXIT(info, JERR_FILE_WRITE);
+    Init(info);
+    return TRUE;
+  }
+  static void Term(j_compress_ptr info) {
+    State* state = Of(info);
+    const std::size_t used = kOutputBytes - state->destination.manager.free_in_buffer;
+    if (used > 0 && !state->sink(state->output, used)) ERREXIT(info, JERR_FILE_WRITE);
+  }
+};
+
+namespace {
+
+// The three steps of JpegRowEncoder, each its own setjmp frame with no C++
+// object in it, as libjpeg's error exit requires.
+bool StartRaw(JpegRowEncoder::State* s, std::int32_t width, std::int32_t height, int quality) {
+  jpeg_compress_struct* info = &s->info;
+  if (setjmp(s->trap.jump) != 0) return false;
+  jpeg_create_compress(info);
+  s->created = true;
+  s->destination.manager.init_destination = JpegRowEncoder::State::Init;
+  s->destination.manager.empty_output_buffer = JpegRowEncoder::State::Empty;
+  s->destination.manager.term_destination = JpegRowEncoder::State::Term;
+  s->destination.owner = s;
+  info->dest = &s->destination.manager;
+  info->image_width = static_cast<JDIMENSION>(width);
+  info->image_height = static_cast<JDIMENSION>(height);
+  info->input_components = 4;
+  info->in_color_space = JCS_EXT_RGBX;
+  jpeg_set_defaults(info);
+  jpeg_set_quality(info, quality < 1 ? 1 : quality, TRUE);
+  info->comp_info[0].h_samp_factor = 2;
+  info->comp_info[0].v_samp_factor = 1;
+  info->optimize_coding = FALSE;
+  jpeg_start_compress(info, TRUE);
+  return true;
+}
+
+bool WriteRowsRaw(JpegRowEncoder::State* s, JSAMPROW* pointers, JDIMENSION count) {
+  if (setjmp(s->trap.jump) != 0) return false;
+  JDIMENSION done = 0;
+  while (done < count) {
+    const JDIMENSION wrote = jpeg_write_scanlines(&s->info, pointers + done, count - done);
+    if (wrote == 0) return false;  // more rows than the image has
+    done += wrote;
+  }
+  return true;
+}
+
+bool FinishRaw(JpegRowEncoder::State* s) {
+  if (setjmp(s->trap.jump) != 0) return false;
+  jpeg_finish_compress(&s->info);
+  return true;
+}
+
+}  // namespace
+
+JpegRowEncoder::JpegRowEncoder() = default;
+
+JpegRowEncoder::~JpegRowEncoder() {
+  if (state_ && state_->created) jpeg_destroy_compress(&state_->info);
+}
+
+bool JpegRowEncoder::Start(std::int32_t width, std::int32_t height, int quality, Sink sink) {
+  if (state_ || width <= 0 || height <= 0 || width > JPEG_MAX_DIMENSION ||
+      height > JPEG_MAX_DIMENSION) {
+    return false;
+  }
+  state_ = std::make_unique<State>();
+  state_->sink = std::move(sink);
+  state_->info.err = &state_->trap.manager;
+  InstallTrap(state_->trap);
+  if (!StartRaw(state_.get(), width, height, quality)) state_->failed = true;
+  return !state_->failed;
+}
+
+bool JpegRowEncoder::WriteRows(const std::uint8_t* rows, std::int32_t count, std::size_t stride) {
+  if (!state_ || state_->failed) return false;
+  constexpr std::int32_t kBatch = 16;
+  JSAMPROW pointers[kBatch];
+  for (std::int32_t first = 0; first < count; first += kBatch) {
+    const std::int32_t n = std::min(kBatch, count - first);
+    for (std::int32_t i = 0; i < n; ++i) {
+      pointers[i] = const_cast<JSAMPROW>(rows + stride * static_cast<std::size_t>(first + i));
+    }
+    if (!WriteRowsRaw(state_.get(), pointers, static_cast<JDIMENSION>(n))) {
+      state_->failed = true;
+      return false;
+    }
+  }
+  return true;
+}
+
+bool JpegRowEncoder::Finish() {
+  if (!state_ || state_->failed) return false;
+  if (!FinishRaw(state_.get())) state_->failed = true;
+  return !state_->failed;
 }
 
 }  // namespace zelvarpack::image

@@ -282,12 +282,15 @@ bool WritePng(std::int32_t width, std::int32_t height, std::uint8_t bitDepth,
 
 bool DecodePng(const std::uint8_t* bytes, std::size_t count, const DecodeLimits& limits,
                RgbaImage& out) {
+  // The caller's pixel memory is reused when it is large enough.
+  RgbaImage image;
+  image.pixels.swap(out.pixels);
+  image.pixels.clear();
   out = RgbaImage{};
   PngImage png;
   if (!png_image_begin_read_from_memory(png.get(), bytes, count)) return false;
   if (!limits.Admits(png->width, png->height)) return false;
   png->format = PNG_FORMAT_RGBA;
-  RgbaImage image;
   image.width = static_cast<std::int32_t>(png->width);
   image.height = static_cast<std::int32_t>(png->height);
   image.pixels.resize(PNG_IMAGE_SIZE(*png.get()));

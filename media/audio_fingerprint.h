@@ -7,8 +7,8 @@
 // bit-reversal and twiddle factors made by the half-angle recurrence starting
 // from -1, every output scaled by 1/1024, then
 //   F = sqrt(sum of the squared real parts / (L / 2))   (L / 2 in integers).
-// The twiddle factors are made once, by that same recurrence, so every value
-// is bit for bit what the step-by-step loop computes.
+// The transform is the engine's shared one (core/radix2_fft.h), bit for bit
+// the step-by-step loop.
 //
 // Bounds this engine adds where the rule has no answer:
 //  - a piece of odd length: its last sample has a high byte of 0;
@@ -18,12 +18,13 @@
 //  - the bucket F x 100 is clamped to 0..65535.
 //
 // Thread safety: an AudioFingerprint holds its working frame; use one object
-// per thread. The twiddle and bit-reversal tables are built in the
-// constructor and only read afterwards.
+// per thread.
 #ifndef ZELVARPACK_MEDIA_AUDIO_FINGERPRINT_H_
 #define ZELVARPACK_MEDIA_AUDIO_FINGERPRINT_H_
 
 #include <cstdint>
+
+#include "core/radix2_fft.h"
 
 namespace zelvarpack {
 
@@ -53,17 +54,7 @@ class AudioFingerprint {
   void Transform(double* real, double* imaginary) const;
 
  private:
-  void Butterflies(double* real, double* imaginary) const;
-
-  // Twiddle factor j of the stage whose butterflies span 2 * h points sits
-  // at index h + j (h = 1, 2, 4, ..., 512); index 0 is unused.
-  double twiddleReal_[kPoints];
-  double twiddleImaginary_[kPoints];
-  std::uint16_t reversed_[kPoints];
-  // The pairs (i, reversed i) with i < reversed i: the permutation as swaps.
-  static constexpr int kSwaps = (kPoints - 32) / 2;  // 32 ten-bit palindromes
-  std::uint16_t swaps_[kSwaps][2];
-  bool wideVectors_;
+  Radix2Fft fft_;
   double frameReal_[kPoints];
   double frameImaginary_[kPoints];
 };

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/textbook_fft.h"
+
 namespace zelvarpack {
 namespace {
 
@@ -90,48 +92,6 @@ TEST(AudioFingerprint, BucketIsTruncatedAndClamped) {
   EXPECT_EQ(AudioFingerprint::BucketOf(-1.0), 0);
 }
 
-// The textbook loop: the twiddle recurrence run inside the butterfly loop.
-void TextbookTransform(std::vector<double>& x, std::vector<double>& y) {
-  const int n = 1024;
-  for (int i = 0, j = 0; i < n - 1; ++i) {
-    if (i < j) {
-      std::swap(x[i], x[j]);
-      std::swap(y[i], y[j]);
-    }
-    int k = n >> 1;
-    while (k <= j) {
-      j -= k;
-      k >>= 1;
-    }
-    j += k;
-  }
-  double c1 = -1.0, c2 = 0.0;
-  for (int l1 = 1; l1 < n; l1 *= 2) {
-    const int l2 = 2 * l1;
-    double u1 = 1.0, u2 = 0.0;
-    for (int j = 0; j < l1; ++j) {
-      for (int i = j; i < n; i += l2) {
-        const int i1 = i + l1;
-        const double t1 = u1 * x[i1] - u2 * y[i1];
-        const double t2 = u1 * y[i1] + u2 * x[i1];
-        x[i1] = x[i] - t1;
-        y[i1] = y[i] - t2;
-        x[i] += t1;
-        y[i] += t2;
-      }
-      const double z = u1 * c1 - u2 * c2;
-      u2 = u1 * c2 + u2 * c1;
-      u1 = z;
-    }
-    c2 = -std::sqrt((1.0 - c1) / 2.0);
-    c1 = std::sqrt((1.0 + c1) / 2.0);
-  }
-  for (int i = 0; i < n; ++i) {
-    x[i] /= n;
-    y[i] /= n;
-  }
-}
-
 TEST(AudioFingerprint, TransformIsBitIdenticalToTextbookLoop) {
   for (const bool wide : {true, false}) {
     SCOPED_TRACE(wide ? "widest vectors" : "two-lane vectors");
@@ -145,7 +105,7 @@ TEST(AudioFingerprint, TransformIsBitIdenticalToTextbookLoop) {
         y[i] = round % 2 == 0 ? 0.0 : value(random);
       }
       std::vector<double> fx = x, fy = y;
-      TextbookTransform(x, y);
+      reference::TextbookFft(x.data(), y.data(), 1024);
       fingerprint.Transform(fx.data(), fy.data());
       for (int i = 0; i < 1024; ++i) {
         ASSERT_EQ(fx[i], x[i]) << "round " << round << " real " << i;

@@ -14,11 +14,6 @@ namespace zelvarpack {
 
 namespace {
 
-std::string CopyPath(const unsigned char* path, std::int32_t length) {
-  if (path == nullptr || length <= 0) return std::string();
-  return std::string(reinterpret_cast<const char*>(path), static_cast<std::size_t>(length));
-}
-
 // What a handle points to.
 class AudioServer : public WavBlockSink {
  public:

@@ -14,6 +14,11 @@ namespace zelvarpack {
 
 void ThrowMediaError(const char* message) { throw std::runtime_error(message); }
 
+std::string CopyPath(const unsigned char* path, std::int32_t length) {
+  if (path == nullptr || length <= 0) return std::string();
+  return std::string(reinterpret_cast<const char*>(path), static_cast<std::size_t>(length));
+}
+
 int OpenRetrying(const char* path, int flags, unsigned mode) {
   int fd;
   do {
@@ -106,6 +111,14 @@ void OutputFile::Close() {
   } catch (const std::exception&) {
     ::unlink(temporaryPath_.c_str());
   }
+  CloseFile(fd_);
+  fd_ = -1;
+}
+
+void OutputFile::Abandon() {
+  if (fd_ < 0) return;
+  if (!published_) ::unlink(temporaryPath_.c_str());
+  used_ = 0;
   CloseFile(fd_);
   fd_ = -1;
 }

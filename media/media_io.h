@@ -16,6 +16,11 @@ namespace zelvarpack {
 inline constexpr char kCouldNotOpenFile[] = "Could not open file.";
 inline constexpr char kInvalidFile[] = "Invalid file.";
 inline constexpr char kTesseraReadOnly[] = "Video tesserae is read-only.";
+inline constexpr char kTesseraWriteOnly[] = "Video tesserae is write-only.";
+
+// The first `length` bytes of a path handed to a Create form (none when the
+// pointer is null or the length is not positive).
+std::string CopyPath(const unsigned char* path, std::int32_t length);
 
 // Throws std::runtime_error carrying `message`.
 [[noreturn]] void ThrowMediaError(const char* message);
@@ -57,6 +62,10 @@ class OutputFile {
   // Drains, publishes if that has not happened, and closes. Errors are
   // ignored here: this runs from destructors.
   void Close();
+  // Closes without publishing: a file never published is deleted, one
+  // already published keeps what it held at that moment plus whatever was
+  // drained into it since.
+  void Abandon();
 
  private:
   static constexpr std::size_t kBufferSize = 1 << 16;

@@ -1,22 +1,19 @@
 #include "media/tessera_engine.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <limits>
 #include <new>
 #include <utility>
 
-#include "core/identifiers.h"
 #include "media/media_io.h"
 #include "net/zlib_codec.h"
 
 namespace zelvarpack {
 
 TesseraEngine::TesseraEngine(std::string workDirectory, OutputFile* index, std::int32_t setting)
-    : workDirectory_(std::move(workDirectory)),
+    : files_(std::move(workDirectory)),
       index_(index),
       setting_(setting),
       tesserae_(new Tessera[kTesserae]()) {
@@ -35,7 +32,7 @@ void TesseraEngine::Append(std::int32_t bucket, const unsigned char* piece, std:
   if (tessera.started == 0) {
     auto started = std::make_unique<StartedTessera>();
     started->bucket = bucket;
-    started->name = NewGuidString();
+    files_.Start(started->name);
     started_.push_back(std::move(started));
     tessera.started = static_cast<std::int32_t>(started_.size());
   }
@@ -59,10 +56,6 @@ void TesseraEngine::AddBlock(const unsigned char* bytes, std::int64_t n) {
   }
 }
 
-std::string TesseraEngine::PathOf(const std::string& name) const {
-  return workDirectory_ + "/" + name;
-}
-
 void TesseraEngine::Flush(OutputFile& data) {
   std::vector<std::unique_ptr<StartedTessera>> started = std::move(started_);
   started_.clear();
@@ -77,7 +70,7 @@ void TesseraEngine::Flush(OutputFile& data) {
     const std::unique_ptr<CZelvarBuffer> packed = net::Compress(
         tessera->pending->GetValue(), static_cast<std::size_t>(tessera->pending->GetValueLength()),
         net::ZlibFormat::kRawDeflate);
-    const int fd = OpenRetrying(PathOf(tessera->name).c_str(), O_WRONLY | O_CREAT | O_TRUNC);
+    const int fd = OpenRetrying(files_.PathOf(tessera->name).c_str(), O_WRONLY | O_CREAT | O_TRUNC);
     if (fd < 0) ThrowMediaError(kCouldNotOpenFile);
     const bool written =
         WriteFully(fd, packed->GetValue(), static_cast<std::size_t>(packed->GetValueLength()));
@@ -86,29 +79,7 @@ void TesseraEngine::Flush(OutputFile& data) {
     tessera->pending.reset();
   }
 
-  unsigned char chunk[4096];
-  for (const auto& tessera : started) {
-    const std::string path = PathOf(tessera->name);
-    const int fd = OpenRetrying(path.c_str(), O_RDONLY);
-    if (fd < 0) ThrowMediaError(kCouldNotOpenFile);
-    struct stat info;
-    if (::fstat(fd, &info) != 0) {
-      CloseFile(fd);
-      ThrowMediaError(kCouldNotOpenFile);
-    }
-    const auto size = static_cast<std::uint32_t>(info.st_size);
-    const unsigned char length[4] = {
-        static_cast<unsigned char>(size >> 24), static_cast<unsigned char>(size >> 16),
-        static_cast<unsigned char>(size >> 8), static_cast<unsigned char>(size)};
-    data.Write(length, sizeof length);
-    std::int64_t got;
-    while ((got = ReadFully(fd, chunk, sizeof chunk)) > 0) {
-      data.Write(chunk, static_cast<std::size_t>(got));
-    }
-    CloseFile(fd);
-    if (got < 0) ThrowMediaError(kCouldNotOpenFile);
-    ::unlink(path.c_str());
-  }
+  files_.AppendRecords(data);
 }
 
 }  // namespace zelvarpack

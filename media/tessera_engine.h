@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "media/audio_fingerprint.h"
+#include "media/tessera_files.h"
 #include "zelvarpack/zelvar_buffer.h"
 
 namespace zelvarpack {
@@ -84,9 +85,8 @@ class TesseraEngine {
  private:
   // Appends one piece to the tessera of `bucket`.
   void Append(std::int32_t bucket, const unsigned char* piece, std::int32_t length);
-  std::string PathOf(const std::string& name) const;
 
-  std::string workDirectory_;
+  TesseraFiles files_;
   OutputFile* index_;
   // Kept for the caller; this engine gives it no meaning.
   std::int32_t setting_;

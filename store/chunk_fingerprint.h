@@ -4,9 +4,10 @@
 // The first 1024 bytes of the chunk are reduced to a 16 x 16 grid, row by
 // row: each cell is the mean of the next (up to) four bytes, truncated to an
 // integer; cells past the end of the chunk are 0. Every row and then every
-// column goes through a forward 16-point radix-2 transform (bit-reversal,
-// four butterfly stages whose twiddle factors come from the half-angle
-// recurrence starting at cos = -1, sin = 0, then every output x 1/16). The
+// column goes through the forward 16-point radix-2 transform of
+// core/radix2_fft.h (bit-reversal, four butterfly stages whose twiddle
+// factors come from the half-angle recurrence starting at cos = -1,
+// sin = 0, then every output x 1/16). The
 // fingerprint is sqrt(sum of the 256 squared real parts x 1/256), the sum
 // taken row by row.
 //

@@ -2,8 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <random>
 #include <string>
 #include <vector>
+
+#include "tests/textbook_fft.h"
 
 namespace {
 
@@ -48,6 +52,36 @@ TEST(ChunkFingerprint, OnlyTheFirst1024BytesCount) {
   EXPECT_EQ(Of(changed), Of(Pattern()));
   changed[1023] ^= 0x5A;
   EXPECT_NE(Of(changed), Of(Pattern()));
+}
+
+}  // namespace
+
+namespace {
+
+// The rule, step by step, over the textbook 2-D transform: the store's
+// fingerprint must be the same double, bit for bit, for any chunk.
+double ByTheRule(const std::vector<unsigned char>& bytes) {
+  std::vector<double> x(256, 0.0), y(256, 0.0);
+  for (std::size_t cell = 0; cell < 256; ++cell) {
+    unsigned sum = 0, taken = 0;
+    for (std::size_t k = cell * 4; k < cell * 4 + 4 && k < bytes.size(); ++k, ++taken) {
+      sum += bytes[k];
+    }
+    x[cell] = taken == 0 ? 0.0 : static_cast<double>(sum / taken);
+  }
+  zelvarpack::reference::TextbookFft2D(x.data(), y.data(), 16, 16);
+  double sum = 0.0;
+  for (const double value : x) sum += value * value;
+  return std::sqrt(sum * 0.00390625);
+}
+
+TEST(ChunkFingerprint, IsBitIdenticalToTheTextbookTransform) {
+  std::mt19937 random(41);
+  for (int round = 0; round < 200; ++round) {
+    std::vector<unsigned char> bytes(random() % 1100);
+    for (unsigned char& b : bytes) b = static_cast<unsigned char>(random());
+    ASSERT_EQ(Of(bytes), ByTheRule(bytes)) << "round " << round << ", " << bytes.size() << " bytes";
+  }
 }
 
 }  // namespace

@@ -79,6 +79,20 @@ const Surface kSurfaces[] = {
          "CZelvarAudioServer::Destroy(void*)",
      },
      {"AudioFingerprint", "TesseraEngine", "WalkWavFile"}},
+    {"video",
+     {
+         "CZelvarVideoServer::Create(unsigned char*, int, unsigned char*, int)",
+         "CZelvarVideoServer::Create(unsigned char*, int, unsigned char*, int, unsigned char*, "
+         "int, int)",
+         "CZelvarVideoServer::Write(void*, unsigned char*, int)",
+         "CZelvarVideoServer::Flush(void*)",
+         "CZelvarVideoServer::Read(void*, void*&, void*&, void*&)",
+         "CZelvarVideoServer::Discard(void*, void*&, void*&)",
+         "CZelvarVideoServer::Destroy(void*)",
+         "CZelvarVideoServer::FrameCount(void*)",
+         "CZelvarVideoServer::ReadFrame(void*, int)",
+     },
+     {"VideoFingerprint", "VideoEngine", "Radix2Fft", "TesseraFiles", "JpegRowEncoder"}},
 };
 
 TEST(SharedLibrary, ExportsHostSurfaceOnly) {

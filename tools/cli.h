@@ -77,6 +77,7 @@ int RunMinifyCss(zelvarpack::cli::Arguments& args);
 int RunCss(zelvarpack::cli::Arguments& args);
 int RunStyle(zelvarpack::cli::Arguments& args);
 int RunAudio(zelvarpack::cli::Arguments& args);
+int RunVideo(zelvarpack::cli::Arguments& args);
 int RunStore(zelvarpack::cli::Arguments& args);
 int RunSprite(zelvarpack::cli::Arguments& args);
 int RunOptimize(zelvarpack::cli::Arguments& args);

@@ -27,6 +27,11 @@ constexpr char kUsage[] =
     "  audio pack --work DIR --index FILE --data FILE WAV...\n"
     "                                               pack WAV files into tesserae and print\n"
     "                                               the sizes\n"
+    "  video pack --work DIR --index FILE --data FILE FRAME...\n"
+    "                                               pack 1920x1080 JPEG/PNG frames into\n"
+    "                                               mosaics and print the counts\n"
+    "  video frame --index FILE --data FILE N -o OUT.png\n"
+    "                                               rebuild frame N (from 0) as PNG\n"
     "  store add [--db CONNECTION] FILE...          store files in chunks, print each new id\n"
     "  store get [--db CONNECTION] ID [-o FILE]     write a stored file back\n"
     "  store stats [--db CONNECTION]                files, chunks, composites, bytes, ratio\n"
@@ -64,6 +69,7 @@ constexpr Command kCommands[] = {
     {"css", RunCss},
     {"style", RunStyle},
     {"audio", RunAudio},
+    {"video", RunVideo},
     {"store", RunStore},
     {"sprite", RunSprite},
     {"optimize", RunOptimize},
