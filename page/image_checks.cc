@@ -35,4 +35,41 @@ bool PngWouldLoseTransparency(std::string_view bytes) {
   return transparent;
 }
 
+bool ReadImageSize(std::string_view bytes, int& width, int& height) {
+  auto byte = [&bytes](std::size_t at) { return static_cast<unsigned char>(bytes[at]); };
+  if (bytes.size() >= 24 && bytes.substr(0, 8) == kPngSignature) {
+    width = static_cast<int>(BigEndian32(bytes, 16) & 0x7fffffff);
+    height = static_cast<int>(BigEndian32(bytes, 20) & 0x7fffffff);
+    return true;
+  }
+  if (bytes.size() >= 10 && (bytes.substr(0, 6) == "GIF87a" || bytes.substr(0, 6) == "GIF89a")) {
+    width = byte(6) | (byte(7) << 8);
+    height = byte(8) | (byte(9) << 8);
+    return true;
+  }
+  if (bytes.size() < 4 || byte(0) != 0xFF || byte(1) != 0xD8) return false;
+  // JPEG: walk the marker segments to the first start-of-frame.
+  std::size_t at = 2;
+  while (at + 4 <= bytes.size()) {
+    if (byte(at) != 0xFF) return false;
+    const unsigned char marker = byte(at + 1);
+    if (marker == 0xFF) {
+      ++at;
+      continue;
+    }
+    const std::size_t length = (std::size_t{byte(at + 2)} << 8) | byte(at + 3);
+    const bool startOfFrame = marker >= 0xC0 && marker <= 0xCF && marker != 0xC4 &&
+                              marker != 0xC8 && marker != 0xCC;
+    if (startOfFrame) {
+      if (at + 9 > bytes.size()) return false;
+      height = (byte(at + 5) << 8) | byte(at + 6);
+      width = (byte(at + 7) << 8) | byte(at + 8);
+      return true;
+    }
+    if (marker == 0xD9 || marker == 0xDA || length < 2) return false;
+    at += 2 + length;
+  }
+  return false;
+}
+
 }  // namespace zelvarpack::page

@@ -12,6 +12,16 @@ namespace zelvarpack::page {
 // would turn white. Such an image is better left as it is.
 bool PngWouldLoseTransparency(std::string_view bytes);
 
+// The width and height a GIF, PNG or JPEG file declares in its header, read
+// without decoding; false for anything else or a header cut short.
+bool ReadImageSize(std::string_view bytes, int& width, int& height);
+
+// Images larger than this on either side are left as they are: a page's
+// stylesheets often size large pictures themselves (responsive widths,
+// object-fit), which a sprite background cannot follow, and next to their
+// bytes the request a sprite saves is small.
+inline constexpr int kMaxSpriteSide = 256;
+
 }  // namespace zelvarpack::page
 
 #endif  // ZELVARPACK_PAGE_IMAGE_CHECKS_H_

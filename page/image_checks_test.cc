@@ -40,6 +40,23 @@ TEST(ImageChecks, TransparentPngsBoundForOpaqueSheetsAreKept) {
   EXPECT_FALSE(PngWouldLoseTransparency(Png(3, "").substr(0, 20)));
 }
 
+TEST(ImageChecks, ReadsTheDeclaredSizeOfEachFormat) {
+  const std::string site = std::string(ZP_SOURCE_DIR) + "/testdata/page/site/img/";
+  int width = 0, height = 0;
+  ASSERT_TRUE(zelvarpack::page::ReadImageSize(ReadWholeFile(site + "folder.gif"), width, height));
+  EXPECT_EQ(width, 20);
+  EXPECT_EQ(height, 22);
+  ASSERT_TRUE(zelvarpack::page::ReadImageSize(ReadWholeFile(site + "a.png"), width, height));
+  EXPECT_EQ(width, 20);
+  EXPECT_EQ(height, 22);
+  ASSERT_TRUE(zelvarpack::page::ReadImageSize(ReadWholeFile(site + "photo.jpg"), width, height));
+  EXPECT_EQ(width, 320);
+  EXPECT_EQ(height, 200);
+  const std::string jpeg = ReadWholeFile(site + "icon.jpg");
+  EXPECT_FALSE(zelvarpack::page::ReadImageSize(jpeg.substr(0, 20), width, height));
+  EXPECT_FALSE(zelvarpack::page::ReadImageSize("not an image", width, height));
+}
+
 TEST(ImageChecks, RealIconsAreJudgedByTheirChunks) {
   const std::string site = std::string(ZP_SOURCE_DIR) + "/testdata/site/img/";
   EXPECT_TRUE(PngWouldLoseTransparency(ReadWholeFile(site + "apache_pb.png")));

@@ -296,6 +296,13 @@ PageSegment& PageState::AddSegment(SegmentKind kind) {
 }
 
 void AnalyseTag(PageState& page, const HtmlTagToken& tag) {
+  AnalyseTagEvent(page, tag);
+  page.plainText = !page.insideOptimisedStyle && !page.insideInlineScript &&
+                   !page.insideFetchedScript && !page.insideCode && !page.insidePre &&
+                   !page.insideScript && !page.insideTextarea;
+}
+
+void AnalyseTagEvent(PageState& page, const HtmlTagToken& tag) {
   UpdatePosition(page, tag);
   const std::string_view name = View(tag.name);
   const bool start = tag.kind == HtmlTagToken::kStartTag;
@@ -374,9 +381,7 @@ void AnalyseText(PageState& page, const HtmlTextToken& token) {
   if (page.insideOptimisedStyle) {
     page.inlineStylesDigest.Update(text);
     page.inlineStyle->inlineText += text;
-    std::string copy(text);
-    page.inlineStyles->AddInlineWork(reinterpret_cast<unsigned char*>(copy.data()),
-                                     static_cast<std::int32_t>(copy.size()));
+    page.inlineStyles->AddInlineWork(token.text.data, token.text.length);
     return;
   }
   if (page.insideInlineScript) {

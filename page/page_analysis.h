@@ -13,6 +13,8 @@
 namespace zelvarpack::page {
 
 void AnalyseTag(PageState& page, const HtmlTagToken& tag);
+// The tag itself, without bringing `plainText` up to date.
+void AnalyseTagEvent(PageState& page, const HtmlTagToken& tag);
 void AnalyseDoctype(PageState& page, const HtmlDoctypeToken& doctype);
 void AnalyseText(PageState& page, const HtmlTextToken& text);
 // Closes what the page left open when its bytes ran out (a style block or

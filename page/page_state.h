@@ -144,6 +144,10 @@ struct PageState {
   int insideTextarea = 0;
   bool headSeen = false;
   bool lastTextWasBlank = false;
+  // Text is copied through with only its blanks collapsed: not inside a
+  // diverted element (style, script) nor preformatted text. Kept up to date
+  // after each tag, for the per-byte fast path.
+  bool plainText = true;
   bool insideOptimisedStyle = false;
   PageSegment* inlineStyle = nullptr;  // the open kInlineStyle segment
   bool insideFetchedScript = false;

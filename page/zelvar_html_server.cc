@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <string_view>
 #include <vector>
@@ -64,6 +65,17 @@ std::int32_t SizeOf(CZelvarBuffer* buffer) {
   const std::int32_t size = buffer->GetValueLength();
   delete buffer;
   return size;
+}
+
+// Whether an image may become part of a sprite sheet: small enough, and
+// not a transparent PNG bound for an opaque sheet.
+bool SpriteMayShow(const PageSegment& segment, std::string_view bytes) {
+  if (zelvarpack::page::PngWouldLoseTransparency(bytes)) return false;
+  int width = 0, height = 0;
+  if (!zelvarpack::page::ReadImageSize(bytes, width, height)) return false;
+  if (!segment.declaredWidth.empty()) width = std::atoi(segment.declaredWidth.c_str());
+  if (!segment.declaredHeight.empty()) height = std::atoi(segment.declaredHeight.c_str());
+  return width <= zelvarpack::page::kMaxSpriteSide && height <= zelvarpack::page::kMaxSpriteSide;
 }
 
 // A stylesheet group's identifier: from the warm memo when the same inputs
@@ -298,7 +310,7 @@ void CZelvarHtmlServer::DoWork() {
         break;
       }
       case SegmentKind::kImage:
-        if (zelvarpack::page::PngWouldLoseTransparency(BodyText(body))) break;
+        if (!SpriteMayShow(segment, BodyText(body))) break;
         images.push_back(&segment);
         imageDigest.UpdatePiece(BodyText(body));
         imageDigest.UpdatePiece(segment.declaredWidth);
@@ -422,5 +434,15 @@ void CZelvarHtmlServer::OnDoctype(HtmlDoctypeToken* doctype) {
 }
 
 void CZelvarHtmlServer::OnText(HtmlTextToken* text) {
-  if (text != nullptr) zelvarpack::page::AnalyseText(*state_, *text);
+  if (text == nullptr) return;
+  PageState& page = *state_;
+  // The hot path, most bytes of a page: one visible character of ordinary
+  // text, copied through.
+  if (page.plainText && text->text.length == 1 && text->kind == HtmlTextToken::kCharacter &&
+      !text->cdata && text->text.data[0] > ' ') {
+    page.markup.push_back(static_cast<char>(text->text.data[0]));
+    page.lastTextWasBlank = false;
+    return;
+  }
+  zelvarpack::page::AnalyseText(page, *text);
 }
