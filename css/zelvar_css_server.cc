@@ -5,12 +5,10 @@
 #include <cstring>
 #include <limits>
 #include <new>
-#include <string_view>
 #include <utility>
 
 #include "core/buffer_blocks.h"
-#include "core/cache_files.h"
-#include "core/file_lock.h"
+#include "core/gzip_twin.h"
 #include "core/identifiers.h"
 #include "css/css_constructor.h"
 #include "css/css_server_state.h"
@@ -22,11 +20,6 @@ using zelvarpack::css::CssServerState;
 namespace {
 
 constexpr std::size_t kAnySize = std::numeric_limits<std::int32_t>::max();
-
-std::string_view Bytes(CZelvarBuffer& buffer) {
-  return {reinterpret_cast<const char*>(buffer.GetValue()),
-          static_cast<std::size_t>(buffer.GetValueLength())};
-}
 
 // Copies `count` bytes with every CR written as LF (so CR LF is two line
 // feeds, as the tokenizer's own preprocessing makes it). Piece by piece, so
@@ -193,48 +186,26 @@ void CZelvarCssServer::DoWork() {
 std::string CZelvarCssServer::GetMinifiedId() {
   const std::string id =
       ContentId(output_->GetValue(), static_cast<std::size_t>(output_->GetValueLength()));
-  const std::string folder = state_->cacheDirectory + "/css";
-  const std::string path = folder + "/" + id;
-  if (isFilter_ || zelvarpack::PathExists(path.c_str())) return id;
-  zelvarpack::EnsureFolder(folder);
-  const std::unique_ptr<CZelvarBuffer> gzip = zelvarpack::net::Compress(
-      output_->GetValue(), static_cast<std::size_t>(output_->GetValueLength()),
-      zelvarpack::net::ZlibFormat::kGzip);
-  // The gzip twin goes first: the plain file marks the work done, so once it
-  // exists its twin does too, even after a crash in between.
-  using zelvarpack::Publish;
-  if (zelvarpack::PublishFile(path + ".g", {Bytes(*gzip)}, Publish::kKeepExisting)) {
-    zelvarpack::PublishFile(path, {Bytes(*output_)}, Publish::kKeepExisting);
-  }
+  if (isFilter_) return id;
+  zelvarpack::StoreWithGzipTwin(state_->cacheDirectory + "/css", id, output_->GetValue(),
+                                static_cast<std::size_t>(output_->GetValueLength()));
   return id;
 }
 
 CZelvarBuffer* CZelvarCssServer::GetMinifiedId(std::string id, bool& gzip) {
-  std::unique_ptr<CZelvarBuffer> plain;
-  std::unique_ptr<CZelvarBuffer> compressed;
+  zelvarpack::PlainAndGzip pair;
   if (isFilter_) {
-    plain = std::make_unique<CZelvarBuffer>();
-    plain->Append(output_->GetValue(), output_->GetValueLength());
-    compressed = zelvarpack::net::Compress(output_->GetValue(),
-                                           static_cast<std::size_t>(output_->GetValueLength()),
-                                           zelvarpack::net::ZlibFormat::kGzip);
+    pair.plain = std::make_unique<CZelvarBuffer>();
+    pair.plain->Append(output_->GetValue(), output_->GetValueLength());
+    pair.gzip = zelvarpack::net::Compress(output_->GetValue(),
+                                          static_cast<std::size_t>(output_->GetValueLength()),
+                                          zelvarpack::net::ZlibFormat::kGzip);
   } else {
     if (!IsGuidShaped(id)) return nullptr;
-    const std::string path = state_->cacheDirectory + "/css/" + id;
-    plain = zelvarpack::ReadCacheFile(path, kAnySize);
-    compressed = zelvarpack::ReadCacheFile(path + ".g", kAnySize);
+    pair = zelvarpack::ReadWithGzipTwin(state_->cacheDirectory + "/css/" + id);
   }
-  // The script server's choice.
-  if (!plain || !gzip) {
-    if (compressed) gzip = false;
-    return plain.release();
-  }
-  if (!compressed) return plain.release();
-  if (compressed->GetValueLength() == 0 ||
-      compressed->GetValueLength() >= plain->GetValueLength()) {
-    gzip = false;
-    return plain.release();
-  }
-  wasGzip_ = 1;
-  return compressed.release();
+  bool servedGzip = false;
+  CZelvarBuffer* body = zelvarpack::ChooseServedBody(std::move(pair), gzip, servedGzip);
+  if (servedGzip) wasGzip_ = 1;
+  return body;
 }

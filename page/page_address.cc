@@ -116,7 +116,7 @@ std::optional<PageAddress> ParsePageAddress(std::string_view text) {
   rest = authorityEnd == std::string_view::npos ? std::string_view() : rest.substr(authorityEnd);
   SplitQuery(rest, address.path, address.query);
   address.path = RemoveDotSegments(address.path);
-  if (address.path.empty()) address.path = "/";
+  if (address.path.empty()) address.path.assign(1, '/');
   return address;
 }
 
@@ -175,7 +175,7 @@ std::optional<PageAddress> Resolve(const PageAddress& base, std::string_view ref
     out.path = RemoveDotSegments(base.path.substr(0, lastSlash + 1) + path);
   }
   out.query = query;
-  if (out.path.empty()) out.path = "/";
+  if (out.path.empty()) out.path.assign(1, '/');
   return out;
 }
 

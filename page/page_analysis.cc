@@ -185,6 +185,7 @@ bool TakeStyle(PageState& page, const TagRecord& tag) {
   const AttributeRecord* type = tag.Find("type");
   if (type != nullptr && !Is(Trimmed(type->value), "text/css")) return false;
   page.inlineStyles->BeginInlineWork();
+  page.inlineStylesDigest.UpdatePiece("<style>");
   page.inlineStylesUsed = true;
   page.insideOptimisedStyle = true;
   return true;
@@ -320,6 +321,7 @@ void AnalyseTag(PageState& page, const HtmlTagToken& tag) {
     }
     if (page.insideOptimisedStyle) {
       page.inlineStyles->EndInlineWork();
+      page.inlineStylesDigest.UpdatePiece("</style>");
       page.insideOptimisedStyle = false;
       return;
     }
@@ -356,6 +358,7 @@ void AnalyseText(PageState& page, const HtmlTextToken& token) {
     return;
   }
   if (page.insideOptimisedStyle) {
+    page.inlineStylesDigest.Update(text);
     std::string copy(text);
     page.inlineStyles->AddInlineWork(reinterpret_cast<unsigned char*>(copy.data()),
                                      static_cast<std::int32_t>(copy.size()));
@@ -395,6 +398,7 @@ void AnalyseText(PageState& page, const HtmlTextToken& token) {
 void FinishAnalysis(PageState& page) {
   if (page.insideOptimisedStyle) {
     page.inlineStyles->EndInlineWork();
+    page.inlineStylesDigest.UpdatePiece("</style>");
     page.insideOptimisedStyle = false;
   }
   if (page.insideInlineScript) {

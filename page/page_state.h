@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 
+#include "core/sha256.h"
 #include "html/html_constructor.h"
 #include "html/tag_record.h"
 #include "page/fetch_pool.h"
@@ -92,6 +93,8 @@ struct PageState {
   std::unique_ptr<CZelvarJSServer> inlineScripts;
   bool linkedStylesUsed = false;
   bool inlineStylesUsed = false;
+  // What decides the inline style group's output, for the warm memo.
+  Sha256 inlineStylesDigest;
 
   // Last member but one: the downloads end (or are left) before anything
   // above goes.

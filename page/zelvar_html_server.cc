@@ -4,13 +4,17 @@
 #include <chrono>
 #include <cstring>
 #include <string_view>
+#include <vector>
 
+#include "core/file_lock.h"
 #include "core/identifiers.h"
+#include "core/sha256.h"
 #include "page/page_analysis.h"
 #include "page/page_state.h"
 #include "page/page_writer.h"
 #include "page/script_scanner.h"
 #include "page/script_text.h"
+#include "page/warm_memo.h"
 #include "zelvarpack/zelvar_utils.h"
 
 using zelvarpack::page::PageSegment;
@@ -59,6 +63,85 @@ std::int32_t SizeOf(CZelvarBuffer* buffer) {
   const std::int32_t size = buffer->GetValueLength();
   delete buffer;
   return size;
+}
+
+// A stylesheet group's identifier: from the warm memo when the same inputs
+// were minified before and the sheet is still stored, else by minifying.
+std::string CombineStyles(PageState& page, CZelvarCssServer& server, bool used,
+                          const std::string& digest) {
+  if (!used) return {};
+  zelvarpack::page::WarmMemo& memo = zelvarpack::page::WarmMemo::Shared();
+  if (std::optional<std::string> id = memo.FindStyles(digest)) {
+    if (id->empty()) return {};
+    if (zelvarpack::PathExists((page.cacheDirectory + "/css/" + *id).c_str())) return *id;
+  }
+  server.DoWork();
+  std::string id;
+  if (server.GetOutput()->GetValueLength() > 0) id = server.GetMinifiedId();
+  memo.RememberStyles(digest, id);
+  return id;
+}
+
+std::string SheetFolder(int kind) {
+  static constexpr const char* kFolders[] = {"/gif/", "/jpg/", "/jpg/", "/png/"};
+  return kFolders[kind];
+}
+
+// Builds the sprite sheets of the page's images (or takes them from the warm
+// memo without decoding anything) and marks where each image landed.
+// Returns whether any image was placed; counts the placed ones as requests
+// and bytes of the page before.
+bool PlaceImages(PageState& page, const std::vector<PageSegment*>& images,
+                 const std::string& digest) {
+  zelvarpack::page::WarmMemo& memo = zelvarpack::page::WarmMemo::Shared();
+  std::optional<zelvarpack::page::SpriteResult> result = memo.FindSprites(digest);
+  if (result) {
+    for (int kind = 0; kind < zelvarpack::page::kSheetKinds; ++kind) {
+      const std::string& id = result->sheetIds[static_cast<std::size_t>(kind)];
+      if (!id.empty() &&
+          !zelvarpack::PathExists((page.cacheDirectory + SheetFolder(kind) + id).c_str())) {
+        result.reset();
+        break;
+      }
+    }
+  }
+  if (!result) {
+    result.emplace();
+    std::vector<std::int32_t> handles;
+    for (PageSegment* segment : images) {
+      CZelvarBuffer& body = *segment->fetch->body;
+      handles.push_back(page.images->AddImage(body.GetValue(), body.GetValueLength(),
+                                              segment->declaredWidth.c_str(),
+                                              segment->declaredHeight.c_str(), "0", "0", "0", "0"));
+    }
+    for (std::int32_t handle : handles) page.images->RouteImage(handle);
+    for (int kind = 0; kind < zelvarpack::page::kSheetKinds; ++kind) {
+      result->sheetIds[static_cast<std::size_t>(kind)] =
+          page.images->BuildSheet(static_cast<CZelvarImageServer::SheetKind>(kind));
+    }
+    for (std::int32_t handle : handles) {
+      CZelvarImagePlacement placement{};
+      if (page.images->GetImagePlacement(handle, placement)) {
+        result->placements.emplace_back(placement);
+      } else {
+        result->placements.emplace_back();
+      }
+    }
+    memo.RememberSprites(digest, *result);
+  }
+  page.sheetIds = result->sheetIds;
+  bool anyPlaced = false;
+  for (std::size_t i = 0; i < images.size() && i < result->placements.size(); ++i) {
+    if (!result->placements[i]) continue;
+    PageSegment& segment = *images[i];
+    segment.placed = true;
+    segment.placement = *result->placements[i];
+    anyPlaced = true;
+    page.bytesBeforeGzip += segment.fetch->bytesReceived;
+    page.bytesBeforeRaw += segment.fetch->bytesUncompressed;
+    ++page.requestsBefore;
+  }
+  return anyPlaced;
 }
 
 }  // namespace
@@ -174,6 +257,11 @@ void CZelvarHtmlServer::DoWork() {
   }
 
   // 4. Collect what arrived into the groups.
+  zelvarpack::Sha256 linkedDigest;
+  linkedDigest.UpdatePiece(page.cacheDirectory);
+  zelvarpack::Sha256 imageDigest;
+  imageDigest.UpdatePiece(page.cacheDirectory);
+  std::vector<PageSegment*> images;
   for (PageSegment& segment : page.segments) {
     if (!segment.done) continue;
     zelvarpack::page::FetchJob& job = *segment.fetch;
@@ -182,6 +270,8 @@ void CZelvarHtmlServer::DoWork() {
       case SegmentKind::kStylesheet: {
         if (HoldsImportRule(body)) break;
         page.linkedStyles->AddWork(job.publicUrl.data(), body.GetValue(), body.GetValueLength());
+        linkedDigest.UpdatePiece(job.publicUrl);
+        linkedDigest.UpdatePiece(BodyText(body));
         page.linkedStylesUsed = true;
         segment.combined = true;
         page.bytesBeforeGzip += job.bytesReceived;
@@ -203,46 +293,28 @@ void CZelvarHtmlServer::DoWork() {
         break;
       }
       case SegmentKind::kImage:
-        segment.imageHandle = page.images->AddImage(
-            body.GetValue(), body.GetValueLength(), segment.declaredWidth.c_str(),
-            segment.declaredHeight.c_str(), "0", "0", "0", "0");
+        images.push_back(&segment);
+        imageDigest.UpdatePiece(BodyText(body));
+        imageDigest.UpdatePiece(segment.declaredWidth);
+        imageDigest.UpdatePiece(segment.declaredHeight);
         break;
       default:
         break;
     }
   }
 
-  // 5. Images: route each decoded image into its set, build the sheets, and
-  // see where each image landed.
-  for (PageSegment& segment : page.segments) {
-    if (segment.imageHandle >= 0) page.images->RouteImage(segment.imageHandle);
+  // 5. Images: sprite sheets and each image's place in them.
+  if (!images.empty() && PlaceImages(page, images, imageDigest.FinishHex())) {
+    AppendTo(*page.fetchedScripts->GetContent(), zelvarpack::page::kLazyImageScript);
   }
-  for (int kind = 0; kind < zelvarpack::page::kSheetKinds; ++kind) {
-    page.sheetIds[static_cast<std::size_t>(kind)] =
-        page.images->BuildSheet(static_cast<CZelvarImageServer::SheetKind>(kind));
-  }
-  bool anyPlaced = false;
-  for (PageSegment& segment : page.segments) {
-    if (segment.imageHandle < 0) continue;
-    segment.placed = page.images->GetImagePlacement(segment.imageHandle, segment.placement);
-    if (!segment.placed) continue;
-    anyPlaced = true;
-    page.bytesBeforeGzip += segment.fetch->bytesReceived;
-    page.bytesBeforeRaw += segment.fetch->bytesUncompressed;
-    ++page.requestsBefore;
-  }
-  if (anyPlaced) AppendTo(*page.fetchedScripts->GetContent(), zelvarpack::page::kLazyImageScript);
 
   // 6. Combine and store.
-  page.linkedStyles->DoWork();
-  page.inlineStyles->DoWork();
+  page.linkedStylesId =
+      CombineStyles(page, *page.linkedStyles, page.linkedStylesUsed, linkedDigest.FinishHex());
+  page.inlineStylesDigest.UpdatePiece(page.cacheDirectory);
+  page.inlineStylesId = CombineStyles(page, *page.inlineStyles, page.inlineStylesUsed,
+                                      page.inlineStylesDigest.FinishHex());
   ++page.requestsAfter;
-  auto styleId = [](CZelvarCssServer& server, bool used) -> std::string {
-    if (!used || server.GetOutput()->GetValueLength() == 0) return {};
-    return server.GetMinifiedId();
-  };
-  page.linkedStylesId = styleId(*page.linkedStyles, page.linkedStylesUsed);
-  page.inlineStylesId = styleId(*page.inlineStyles, page.inlineStylesUsed);
   for (const std::string& id : page.sheetIds) {
     if (!id.empty()) ++page.requestsAfter;
   }
