@@ -195,6 +195,20 @@ def decode_png(png):
     return Image(width, height, rgba)
 
 
+def encode_png(image):
+    """An Image as an RGBA PNG (no filtering: for pictures kept beside a
+    report, not for size)."""
+    def chunk(kind, body):
+        return (struct.pack(">I", len(body)) + kind + body +
+                struct.pack(">I", zlib.crc32(kind + body) & 0xFFFFFFFF))
+
+    stride = image.width * 4
+    raw = b"".join(b"\0" + image.rgba[y * stride:(y + 1) * stride] for y in range(image.height))
+    return (b"\x89PNG\r\n\x1a\n" +
+            chunk(b"IHDR", struct.pack(">IIBBBBB", image.width, image.height, 8, 6, 0, 0, 0)) +
+            chunk(b"IDAT", zlib.compress(raw, 6)) + chunk(b"IEND", b""))
+
+
 # --- the protocol connection --------------------------------------------------
 
 

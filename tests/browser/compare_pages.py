@@ -81,6 +81,19 @@ def compare_images(original, optimised, channel_threshold):
     return result
 
 
+def difference_picture(original, optimised, channel_threshold):
+    """The original, faded, with every pixel beyond the threshold in red."""
+    out = bytearray(len(original.rgba))
+    a, b = original.rgba, optimised.rgba
+    for i in range(0, len(a), 4):
+        if max(abs(a[i + k] - b[i + k]) for k in range(4)) > channel_threshold:
+            out[i:i + 4] = b"\xff\0\0\xff"
+        else:
+            grey = 192 + (a[i] + a[i + 1] + a[i + 2]) // 12
+            out[i:i + 4] = bytes((grey, grey, grey, 255))
+    return chromium.Image(original.width, original.height, bytes(out))
+
+
 def without_optimiser_globals(snapshot):
     if isinstance(snapshot, dict) and isinstance(snapshot.get("globals"), dict):
         snapshot = dict(snapshot)
@@ -128,15 +141,24 @@ def load(browser, url, args):
         # which must not count as a request of the page itself.
         snapshot = page.evaluate(SNAPSHOT)
         errors = list(page.console_errors)
-        return {"requests": requests, "png": png, "snapshot": snapshot, "errors": errors}
+        return {"url": url, "requests": requests, "png": png, "snapshot": snapshot,
+                "errors": errors}
     finally:
         page.close()
 
 
-def compare(original_url, optimised_url, args):
-    with chromium.Browser() as browser:
-        original = load(browser, original_url, args)
-        optimised = load(browser, optimised_url, args)
+def compare(original_url, optimised_url, args, browser=None):
+    """The verdict on two pages; `args` carries the options of main().
+    Starts a browser of its own unless one is given."""
+    if browser is None:
+        with chromium.Browser() as own:
+            return compare(original_url, optimised_url, args, own)
+    return judge(load(browser, original_url, args), load(browser, optimised_url, args), args)
+
+
+def judge(original, optimised, args):
+    """The verdict on two loads (as load() returns them)."""
+    original_url, optimised_url = original["url"], optimised["url"]
     if args.save:
         os.makedirs(args.save, exist_ok=True)
         for name, result in (("original", original), ("optimised", optimised)):
@@ -145,8 +167,12 @@ def compare(original_url, optimised_url, args):
             with open(os.path.join(args.save, name + ".json"), "w") as f:
                 json.dump({k: v for k, v in result.items() if k != "png"}, f, indent=1)
 
-    render = compare_images(chromium.decode_png(original["png"]),
-                            chromium.decode_png(optimised["png"]), args.channel_threshold)
+    before, after = chromium.decode_png(original["png"]), chromium.decode_png(optimised["png"])
+    render = compare_images(before, after, args.channel_threshold)
+    if args.save and render["differentPixels"] and render["size"] == render["optimisedSize"]:
+        with open(os.path.join(args.save, "difference.png"), "wb") as f:
+            f.write(chromium.encode_png(difference_picture(before, after,
+                                                           args.channel_threshold)))
     render["channelThreshold"] = args.channel_threshold
     render["maxFraction"] = args.max_fraction
     render["same"] = (render["size"] == render["optimisedSize"]

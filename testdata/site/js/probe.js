@@ -5,13 +5,19 @@
 (function () {
   var baseline = {};
   Object.keys(window).forEach(function (k) { baseline[k] = true; });
-  var probe = window.__probe = { order: [] };
+  var probe = window.__probe = { order: [], events: {} };
+  // A script that runs while the page is parsed notes how far parsing got;
+  // a callback that runs later notes only that it ran after parsing: when
+  // exactly (before or after the load event, say) depends on how fast the
+  // pictures arrive, not on the page.
   probe.mark = function (name) {
     probe.order.push(name + ' imgs=' + document.getElementsByTagName('img').length +
-                     ' state=' + document.readyState);
+                     (document.readyState === 'loading' ? ' while parsing' : ' after parsing'));
   };
-  document.addEventListener('DOMContentLoaded', function () { probe.mark('DOMContentLoaded'); });
-  window.addEventListener('load', function () { probe.mark('load'); });
+  document.addEventListener('DOMContentLoaded', function () {
+    probe.events.DOMContentLoaded = true;
+  });
+  window.addEventListener('load', function () { probe.events.load = true; });
 
   function describe(value) {
     var kind = typeof value;
@@ -42,7 +48,8 @@
           [cs.color, cs.backgroundColor, cs.fontSize, cs.fontWeight, cs.display,
            cs.marginTop, cs.paddingLeft, cs.width, cs.height].join(' ');
     }
-    return { order: probe.order, globals: globals, images: images, styles: styled,
+    return { order: probe.order, events: probe.events, globals: globals, images: images,
+             styles: styled,
              title: document.title, text: document.body ? document.body.innerText : null };
   };
 })();
