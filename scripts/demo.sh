@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# The engine's main job on the bundled sample site: serves testdata/page/site
+# The engine's main job on the bundled sample site: serves testdata/site
 # with a throw-away nginx on a loopback address, runs the page optimiser on
 # its page twice (cold, then warm from the cache), and prints what it saved.
 #
-# Usage: scripts/demo.sh [SITE_DIR [PAGE]]   (default: testdata/page/site sample.html)
+# Usage: scripts/demo.sh [SITE_DIR [PAGE]]   (default: testdata/site index.html)
 # The optimised page, the cache and the server's files stay in build/demo/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -12,14 +12,13 @@ scripts/install-deps.sh
 cmake --preset default >/dev/null
 cmake --build build/default -j"$(nproc)" --target zelvarpack >/dev/null
 tool=$PWD/build/default/zelvarpack
-site=${1:-testdata/page/site}
-page=${2:-sample.html}
+site=${1:-testdata/site}
+page=${2:-index.html}
 
 work=$PWD/build/demo
 rm -rf "$work"
 mkdir -p "$work/www" "$work/cache"
 cp -r "$site"/. "$work/www/"
-[ -f "$work/www/$page" ] || cp "testdata/page/$page" "$work/www/$page"
 
 address=127.0.$((RANDOM % 200 + 20)).$((RANDOM % 200 + 20))
 scripts/loopback-nginx.sh "$work" "$address" >"$work/nginx.out" 2>&1 &
