@@ -296,7 +296,6 @@ std::string CZelvarImageServer::State::Build(std::int32_t kind) {
           zelvarpack::image::IndexEntry(record.key, composed.size, composed.cells[i], record.width,
                                         record.height, static_cast<std::int32_t>(record.marginLeft),
                                         static_cast<std::int32_t>(record.marginTop));
-      record.hasEntry = true;
     }
     heldPixels.fetch_sub(static_cast<std::int64_t>(record.image.width) * record.image.height);
     record.image = RgbaImage{};  // drawn: the pixels are no longer needed
@@ -305,8 +304,10 @@ std::string CZelvarImageServer::State::Build(std::int32_t kind) {
   const std::string& encoded = composed.encoded;
 
   // Worth test: a sheet larger than its sources is not used. A sheet that
-  // could not be encoded is not used either.
+  // could not be encoded is not used either. Either way no image of the set
+  // is placed.
   if (encoded.empty() || encoded.size() > set.source.size()) return {};
+  for (ImageRecord* record : set.records) record->hasEntry = true;
 
   set.id = CZelvarUtils::MakeCacheName(
       CZelvarUtils::UrlHash(reinterpret_cast<const unsigned char*>(set.source.data()),
@@ -441,6 +442,17 @@ bool CZelvarImageServer::GetImageEntry(std::int32_t handle, CZelvarImageEntry& e
   const ImageRecord* record = state_->Record(handle);
   if (record == nullptr || !record->hasEntry) return false;
   entry = record->entry;
+  return true;
+}
+
+bool CZelvarImageServer::GetImagePlacement(std::int32_t handle,
+                                           CZelvarImagePlacement& placement) const {
+  const ImageRecord* record = state_->Record(handle);
+  if (record == nullptr || !record->hasEntry) return false;
+  placement.sheetKind = record->set;
+  placement.width = record->width;
+  placement.height = record->height;
+  placement.entry = record->entry;
   return true;
 }
 

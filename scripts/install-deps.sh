@@ -10,11 +10,15 @@ set -euo pipefail
 # its two drivers and the server its tests start on loopback. libpng-dev,
 # libjpeg62-turbo-dev, libgif-dev, libdeflate-dev: the image codecs (the
 # last compresses PNG sheets); apache2-data: real GIF
-# and PNG icons for the image tests.
+# and PNG icons for the image tests. chromium: the headless browser that
+# renders original and optimised pages side by side (tests/browser);
+# libjs-jquery, libjs-bootstrap4, fonts-font-awesome: the libraries the
+# sample site's jQuery and Bootstrap pages load.
 packages=(cmake ninja-build pkg-config g++ clang libclang-rt-14-dev libgtest-dev zlib1g-dev python3
   libcurl4-openssl-dev ca-certificates nginx openssl alsa-utils espeak-ng
   unixodbc-dev libsqliteodbc odbc-postgresql postgresql
-  libpng-dev libjpeg62-turbo-dev libgif-dev libdeflate-dev apache2-data "$@")
+  libpng-dev libjpeg62-turbo-dev libgif-dev libdeflate-dev apache2-data
+  chromium libjs-jquery libjs-bootstrap4 fonts-font-awesome "$@")
 missing=()
 for package in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' ||
