@@ -64,7 +64,11 @@ bool ReadStoreTotals(const std::string& connection, StoreTotals& totals,
 // The SQLite ODBC driver installed on this machine (a library path), or "".
 std::string SqliteDriverPath();
 // A connection string for the SQLite database file `path` (created by the
-// driver when missing).
+// driver when missing), in write-ahead-log mode: a commit writes the log
+// and syncs it once, instead of a rollback journal, the database and their
+// syncs, and readers do not block the writer. Still one file's rows or
+// none after a crash; the log ("<path>-wal", "<path>-shm") is folded back
+// when the last connection closes.
 std::string SqliteConnectionString(const std::string& path);
 
 }  // namespace zelvarpack::store

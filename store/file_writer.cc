@@ -418,23 +418,38 @@ bool FileWriter::WritePending() {
     if (cache_ != nullptr) written_[id] = nullptr;  // touched, whatever happens next
   }
   std::size_t next = 0;
-  // The largest batches first, the rest one by one.
-  for (int size = kDataBatchSizes - 1; size >= 0; --size) {
-    if (d_.updateCompositeDataBatch[size] == nullptr) continue;
+  // In batches, each the smallest that holds the writes left (or the
+  // largest), its spare rows naming composite 0, which no row has (ids
+  // start at 1): one round trip per 16 composites. A last single write goes
+  // by itself.
+  static const unsigned char kNothing[1] = {0};
+  while (writes.size() - next > 1) {
+    const std::size_t left = writes.size() - next;
+    int size = -1;
+    for (int s = 0; s < kDataBatchSizes; ++s) {
+      if (d_.updateCompositeDataBatch[s] == nullptr) continue;
+      size = s;
+      if (static_cast<std::size_t>(DataBatchRows(s)) >= left) break;
+    }
+    if (size < 0) break;  // no batches in this dialect
     const auto rows = static_cast<std::size_t>(DataBatchRows(size));
-    if (writes.size() - next < rows) continue;
     OdbcStatement* batch = session_.Prepared(d_.updateCompositeDataBatch[size]);
     if (batch == nullptr) return false;
-    for (; writes.size() - next >= rows; next += rows) {
-      for (std::size_t row = 0; row < rows; ++row) {
+    for (std::size_t row = 0; row < rows; ++row) {
+      const int column = 3 * static_cast<int>(row);
+      if (row < left) {
         const Write& w = writes[next + row];
-        const int column = 3 * static_cast<int>(row);
         batch->SetInt32(column + 1, w.id);
         batch->SetBinary(column + 2, w.form->bytes(), w.form->count(), d_.longBinary);
         batch->SetBit(column + 3, w.form->compressed());
+      } else {
+        batch->SetInt32(column + 1, 0);
+        batch->SetBinary(column + 2, kNothing, 0, d_.longBinary);
+        batch->SetBit(column + 3, false);
       }
-      if (!batch->Execute() || !ReadVersions(batch)) return false;
     }
+    if (!batch->Execute() || !ReadVersions(d_, batch, versions_)) return false;
+    next += std::min(rows, left);
   }
   if (next < writes.size()) {
     OdbcStatement* update = session_.Prepared(d_.updateCompositeData);
@@ -444,7 +459,7 @@ bool FileWriter::WritePending() {
       update->SetBinary(1, w.form->bytes(), w.form->count(), d_.longBinary);
       update->SetBit(2, w.form->compressed());
       update->SetInt32(3, w.id);
-      if (!update->Execute() || !ReadVersions(update)) return false;
+      if (!update->Execute() || !ReadVersions(d_, update, versions_)) return false;
     }
   }
   if (cache_ != nullptr) {
@@ -466,23 +481,6 @@ bool FileWriter::WritePending() {
   pending_.clear();
   pendingBytes_ = 0;
   versions_.clear();
-  return true;
-}
-
-bool FileWriter::ReadVersions(OdbcStatement* write) {
-  if (!d_.dataWritesReturnVersions) return true;
-  for (;;) {
-    const OdbcStatement::Row row = write->Fetch();
-    if (row == OdbcStatement::Row::kEnd) break;
-    std::int32_t id = 0;
-    std::int64_t version = 0;
-    if (row != OdbcStatement::Row::kRow || !write->GetInt32(1, id) ||
-        !write->GetInt64(2, version)) {
-      return false;
-    }
-    versions_[id] = version;
-  }
-  write->CloseCursor();
   return true;
 }
 

@@ -119,10 +119,6 @@ class FileWriter {
   // result when it is for the composite's last bytes, else compressed now.
   bool WritePending();
 
-  // The (composite_id, version) rows of a data write, when the dialect's
-  // data writes return them.
-  bool ReadVersions(OdbcStatement* write);
-
   OdbcConnection& db_;
   const Dialect& d_;
   const StoreOptions& options_;

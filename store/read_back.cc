@@ -48,6 +48,24 @@ bool ReadIdentity(Session& statements, const Dialect& d, OdbcStatement* insert, 
   return false;
 }
 
+bool ReadVersions(const Dialect& d, OdbcStatement* write,
+                  std::unordered_map<std::int32_t, std::int64_t>& versions) {
+  if (!d.dataWritesReturnVersions) return true;
+  for (;;) {
+    const OdbcStatement::Row row = write->Fetch();
+    if (row == OdbcStatement::Row::kEnd) break;
+    std::int32_t id = 0;
+    std::int64_t version = 0;
+    if (row != OdbcStatement::Row::kRow || !write->GetInt32(1, id) ||
+        !write->GetInt64(2, version)) {
+      return false;
+    }
+    versions[id] = version;
+  }
+  write->CloseCursor();
+  return true;
+}
+
 namespace {
 
 void Report(std::string* error, const std::string& what) {

@@ -7,6 +7,7 @@
 #define ZELVARPACK_STORE_READ_BACK_H_
 
 #include <cstdint>
+#include <unordered_map>
 
 #include "store/odbc_connection.h"
 #include "store/session_pool.h"
@@ -21,6 +22,11 @@ bool ReadOneInt32(OdbcStatement* statement, std::int32_t& value);
 // The identity of the row `insert` (just executed) added, as the dialect
 // hands it out.
 bool ReadIdentity(Session& statements, const Dialect& d, OdbcStatement* insert, std::int32_t& id);
+
+// Adds the (composite_id, version) rows of a data write to `versions`, when
+// the dialect's data writes return them.
+bool ReadVersions(const Dialect& d, OdbcStatement* write,
+                  std::unordered_map<std::int32_t, std::int64_t>& versions);
 
 // Reads a composite's flag and data by id.
 bool ReadCompositeData(Session& statements, const Dialect& d, std::int32_t id, Bytes& data,

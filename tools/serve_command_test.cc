@@ -15,6 +15,7 @@
 
 #include "tests/loopback_servers.h"
 #include "tests/temp_dir.h"
+#include "tests/tool_runner.h"
 #include "zelvarpack/zelvar_css_server.h"
 #include "zelvarpack/zelvar_image_server.h"
 #include "zelvarpack/zelvar_js_server.h"
@@ -261,11 +262,7 @@ TEST_F(ServeTool, RefusesBadRequestsAndKeepsServing) {
 
 TEST(ServeToolUsage, RefusesBadArguments) {
   TempDir dir;
-  auto status = [](const std::string& args) {
-    const int raw =
-        std::system((std::string(ZP_TOOL_PATH) + " serve " + args + " 2>/dev/null").c_str());
-    return WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-  };
+  auto status = [](const std::string& args) { return RunTool("serve " + args).status; };
   const std::string root = " --root " + dir.path().string();
   EXPECT_EQ(status("--listen 127.0.0.1:0"), 2);
   EXPECT_EQ(status(root), 2);
