@@ -55,7 +55,7 @@ TEST(StyleFinder, RecordsBackgroundsUrlsAndLastValues) {
       {"width:#fff 5px", ""},
       {"width:U+1 5px", ""},
       {"width:-5 ;{} ()[] 6", " width=6"},  // punctuation keeps it pending
-      {"width:1e3px", " width=13"},         // number 13, then the ident px
+      {"width:1e3px", " width=1e3"},        // the number part of the dimension
       {"x:width 4", " width=4"},
   };
   for (const Case& c : cases) {

@@ -47,7 +47,15 @@ class TokenPrinter : public CCssTokenizerEvents {
     if (dimension != nullptr) Pair("dimension", *dimension);
     if (unicodeRange != nullptr) Pair("unicode-range", *unicodeRange);
     if (whitespace != nullptr) line_ += "\"whitespace\"";
-    if (comment != nullptr) line_ += "\"comment\"";
+    if (comment != nullptr) {
+      // A licence notice ("/*!") carries its text; other comments none.
+      const auto* text = static_cast<const CssText*>(comment);
+      if (text->length > 0) {
+        Named("comment", *text);
+      } else {
+        line_ += "\"comment\"";
+      }
+    }
     if (cdo != nullptr) line_ += "\"CDO\"";
     if (cdc != nullptr) line_ += "\"CDC\"";
     if (colon != nullptr) line_ += "\":\"";

@@ -51,10 +51,12 @@ TEST_F(CssToolTest, CssTokensNamesEveryKind) {
             "[\"bad-url\"]\n[\"whitespace\"]\n[\"delim\", \"!\"]\n[\"whitespace\"]\n"
             "[\"number\", \"1\"]\n[\"whitespace\"]\n[\"percentage\", \"2\"]\n[\"delim\", \"%\"]\n"
             "[\"whitespace\"]\n[\"dimension\", \"3\", \"px\"]\n[\"whitespace\"]\n"
-            "[\"unicode-range\", \"10\", \"1F\"]\n[\"delim\", \"?\"]\n[\"whitespace\"]\n"
+            "[\"unicode-range\", \"1?\", \"\"]\n[\"whitespace\"]\n"
             "[\"comment\"]\n[\"CDO\"]\n[\"CDC\"]\n[\":\"]\n[\";\"]\n[\"[\"]\n[\"]\"]\n[\"(\"]\n"
             "[\")\"]\n[\"delim\", \"\\u00c3\"]\n[\"{\"]\n[\"}\"]\n");
-  EXPECT_EQ(Tool("css-tokens < " + Sheet("\"a\\\"b\"")).out, "[\"string\", \"a\\\"b\", 0]\n");
+  EXPECT_EQ(Tool("css-tokens < " + Sheet("\"a\\\"b\"")).out, "[\"string\", \"a\\\\\\\"b\", 0]\n");
+  EXPECT_EQ(Tool("css-tokens < " + Sheet("/*! MIT */1e3")).out,
+            "[\"comment\", \"! MIT \"]\n[\"number\", \"1e3\"]\n");
 }
 
 TEST_F(CssToolTest, MinifyCssNamesTheFirstSheetOnly) {
