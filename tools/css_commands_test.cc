@@ -67,6 +67,18 @@ TEST_F(CssToolTest, MinifyCssNamesTheFirstSheetOnly) {
   EXPECT_EQ(Tool("minify-css " + a + " " + a).out, "p{b:url(x.png)}");  // one sheet per name
 }
 
+TEST_F(CssToolTest, FilterCssNeedsTheSheetsAddress) {
+  // With nothing to download it minifies; the sheet is not stored.
+  const std::string cache = dir_.File("filter");
+  const ToolRun run =
+      Tool("filter-css --cache " + cache + " --timeout 0 --name http://h.test/c/s.css " +
+           Sheet("a { b : url(x.png) no-repeat ; width : 1px }"));
+  EXPECT_EQ(run.status, 0);
+  EXPECT_EQ(run.out, "a{b:url(http://h.test/c/x.png) no-repeat;width:1px}");
+  EXPECT_EQ(Tool("filter-css " + Sheet("a{}")).status, 2);
+  EXPECT_EQ(Tool("filter-css --name x --timeout -1 " + Sheet("a{}")).status, 2);
+}
+
 TEST_F(CssToolTest, CssStoreAndGetRoundTrip) {
   std::string large;
   for (int i = 0; i < 100; ++i) large += ".r" + std::to_string(i) + " { margin : 0 }\n";
