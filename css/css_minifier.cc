@@ -40,6 +40,7 @@ bool HoldsRules(const CssText& name) {
 void CssMinifier::BeginSheet() {
   ClearFlags();
   afterGroup_ = 0;
+  parenDepth_ = 0;
   capture_ = 0;
   storeCapture_ = 0;
   ruleUrls_ = 0;
@@ -60,7 +61,8 @@ bool CssMinifier::InSelector() const {
   const Block block = blocks_.empty() ? kRules : blocks_.back();
   // A statement in a declaration block is a nested rule's selector when it
   // does not begin with a name ("&:hover", ".a :b").
-  return block == kRules ? statement_ != kAtRule : statement_ == kOtherFirst;
+  return block == kRules ? statement_ != kAtRule && statement_ != kCustomProperty
+                         : statement_ == kOtherFirst;
 }
 
 void CssMinifier::WritePunctuation(const char* text, std::size_t count) {
@@ -80,6 +82,7 @@ void CssMinifier::OnIdent(CssText* ident) {
 
 void CssMinifier::OnFunction(CssText* name) {
   Begin(kOtherFirst);
+  ++parenDepth_;
   Write(*name);
   Write("(", 1);
   ClearFlags();  // a space after a function's "(" is kept
@@ -132,14 +135,18 @@ void CssMinifier::OnPercentage(CssText* number) { OnNumber(number); }
 
 void CssMinifier::OnDelim(CssText* delim) {
   // "--name" starts with a delim "-": a custom property, not a selector.
-  Begin(delim->Equals("-") ? kIdentFirst : kOtherFirst);
-  // After ")" or "]" a space before "," or "!" says nothing.
-  if (afterGroup_ && delim->length == 1 && (delim->data[0] == ',' || delim->data[0] == '!')) {
-    DropTrailingSpace();
-  }
+  Begin(delim->Equals("-") ? kCustomProperty : kOtherFirst);
+  const unsigned char c = delim->length == 1 ? delim->data[0] : 0;
+  // Spaces around "," say nothing (but a custom property keeps its value
+  // as written); nor do those before "!" or around a selector's
+  // combinators outside parentheses ("2n + 1" stays).
+  const bool comma = c == ',' && statement_ != kCustomProperty;
+  const bool combinator = (c == '>' || c == '+' || c == '~') && parenDepth_ == 0 && InSelector();
+  if (comma || combinator || c == '!') DropTrailingSpace();
   Write(*delim);
   ClearFlags();
   afterGroup_ = 0;
+  if (comma || combinator || c == '!') suppressSpace_ = 1;
 }
 
 void CssMinifier::OnDimension(CssTextPair* dimension) {
@@ -205,6 +212,7 @@ void CssMinifier::OnOpenBracket(void*) {
 void CssMinifier::OnSemicolon(void*) {
   WritePunctuation(";", 1);
   statement_ = kNoStatement;
+  parenDepth_ = 0;
 }
 
 void CssMinifier::OnCdo(void*) { WritePunctuation("<!--", 4); }
@@ -213,6 +221,7 @@ void CssMinifier::OnCdc(void*) { WritePunctuation("-->", 3); }
 // After ")" and "]" a space is kept unless punctuation follows: it separates
 // tokens in "calc((1px) + 2px)", "url(a) no-repeat", ":not(.a) .b", "[x] a".
 void CssMinifier::OnCloseParen(void*) {
+  if (parenDepth_ > 0) --parenDepth_;
   WritePunctuation(")", 1);
   suppressSpace_ = 0;
   afterGroup_ = 1;
@@ -227,6 +236,7 @@ void CssMinifier::OnCloseBracket(void*) {
 // A space before "(" is kept, so "and (max-width...)" keeps its space.
 void CssMinifier::OnOpenParen(void*) {
   Begin(kOtherFirst);
+  ++parenDepth_;
   Write("(", 1);
   ClearFlags();
   afterGroup_ = 0;
@@ -241,6 +251,7 @@ void CssMinifier::OnOpenBrace(void*) {
   // only, by one byte per "{".
   blocks_.push_back(block);
   statement_ = kNoStatement;
+  parenDepth_ = 0;
   WritePunctuation("{", 1);
   // The declarations of the rule are captured for the sprite pass of filter
   // mode, which reads a background image's size and padding from them.
@@ -279,6 +290,7 @@ void CssMinifier::OnCloseBrace(void*) {
   suppressSpace_ = 1;
   if (!blocks_.empty()) blocks_.pop_back();
   statement_ = kNoStatement;
+  parenDepth_ = 0;
   storeCapture_ = 0;
   capture_ = 0;
   ruleUrls_ = 0;

@@ -3,9 +3,11 @@
 // flags and a small stack of block kinds.
 //
 // Whitespace is removed only where no browser can tell (CSS Syntax and
-// Selectors): around ";", "{", "}", "<!--", "-->", after "(" and "[", before
-// ")" and "]", and around ":" and before "[" except in a selector, where a
-// space there is a descendant combinator (".a :hover", "div [x]"). It is kept
+// Selectors): around ";", "{", "}", "<!--", "-->", ",", after "(" and "[",
+// before ")", "]" and "!", around the combinators ">", "+", "~" of a
+// selector, and around ":" and before "[" except in a selector, where a
+// space there is a descendant combinator (".a :hover", "div [x]"). Custom
+// property values keep their spaces around ",". It is kept
 // after ")" and "]" unless punctuation follows, so "calc((1px) + 2px)",
 // "url(a) no-repeat" and ":not(.a) .b" keep their meaning; it is kept around
 // "+" and "-" everywhere, so math functions stay valid. Escapes, exponents
@@ -67,7 +69,14 @@ class CssMinifier : public CCssConstructorEvents {
 
  private:
   // What the current statement (since the last ";", "{" or "}") began with.
-  enum Statement : unsigned char { kNoStatement, kAtRule, kIdentFirst, kOtherFirst };
+  // kCustomProperty: "--name", whose value browsers keep as written.
+  enum Statement : unsigned char {
+    kNoStatement,
+    kAtRule,
+    kIdentFirst,
+    kCustomProperty,
+    kOtherFirst
+  };
   // What a block holds.
   enum Block : unsigned char { kRules, kDeclarations };
 
@@ -110,6 +119,8 @@ class CssMinifier : public CCssConstructorEvents {
   unsigned char afterImport_ = 0;
   // The space pending after ")" or "]" may be dropped before "," and "!".
   unsigned char afterGroup_ = 0;
+  // Parentheses and functions open in the current statement.
+  std::int32_t parenDepth_ = 0;
   unsigned char capture_ = 0;
   unsigned char storeCapture_ = 0;
   // Url entries made in the current rule (filter mode).

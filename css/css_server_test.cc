@@ -72,8 +72,12 @@ TEST(CssMinifier, SpacesAroundPunctuationDisappear) {
       {"a { b } c", "a{b}c"},
       {"a <!-- b --> c", "a<!--b-->c"},
       {"<!-- a -->", "<!--a-->"},
-      {"a{b:c;}", "a{b:c;}"},      // the last semicolon stays
-      {"a , b > c", "a , b > c"},  // delims keep their spaces
+      {"a{b:c;}", "a{b:c;}"},              // the last semicolon stays
+      {"a , b > c ~ d + e", "a,b>c~d+e"},  // commas and selector combinators
+      {"a{b:c , d ! important}", "a{b:c,d!important}"},
+      {"a{b:x + y - z}", "a{b:x + y - z}"},  // other delims keep their spaces
+      {"li:nth-child(2n + 1) > a{}", "li:nth-child(2n + 1)>a{}"},
+      {":root{--f: a , b ;--g:c}", ":root{--f:a , b;--g:c}"},  // custom properties as written
   });
 }
 
@@ -84,12 +88,12 @@ TEST(CssMinifier, WhitespaceThatChangesMeaningStays) {
   ExpectMinified({
       {"a{width:calc(var(--a) + 1px)}", "a{width:calc(var(--a) + 1px)}"},
       {"a{width:calc( (1px) - (2px) )}", "a{width:calc( (1px) - (2px))}"},
-      {"a{width:min(1px , max(2px, 3px) * 2)}", "a{width:min(1px , max(2px, 3px) * 2)}"},
-      {"a{width:clamp(1px, calc(2px) + 1vw, 3px)}", "a{width:clamp(1px, calc(2px) + 1vw, 3px)}"},
+      {"a{width:min(1px , max(2px, 3px) * 2)}", "a{width:min(1px,max(2px,3px) * 2)}"},
+      {"a{width:clamp(1px, calc(2px) + 1vw, 3px)}", "a{width:clamp(1px,calc(2px) + 1vw,3px)}"},
       {"a{background:url(x.png) no-repeat}", "a{background:url(x.png) no-repeat}"},
       {"a{color:rgb(0 0 0) ;margin:f(1) 2px}", "a{color:rgb(0 0 0);margin:f(1) 2px}"},
       {"a{b:f(x) #fff g(y) f(z) !important}", "a{b:f(x) #fff g(y) f(z)!important}"},
-      {"a{b:f(x) , g(y)}", "a{b:f(x), g(y)}"},
+      {"a{b:f(x) , g(y)}", "a{b:f(x),g(y)}"},
       {".a :hover{}", ".a :hover{}"},
       {".a:hover{}", ".a:hover{}"},
       {"div [x]{}", "div [x]{}"},
@@ -119,7 +123,7 @@ TEST(CssMinifier, TokensKeepTheirSpelling) {
       {"a{b:url(a\\)b.png)}", "a{b:url(a\\)b.png)}"},
       {"a{z-index:1e3;width:1.5E-2px;opacity:2e-1}", "a{z-index:1e3;width:1.5E-2px;opacity:2e-1}"},
       {"@font-face{unicode-range:U+0-7F, U+4??, u+0025-00ff}",
-       "@font-face{unicode-range:U+0-7F, U+4??, U+0025-00ff}"},
+       "@font-face{unicode-range:U+0-7F,U+4??,U+0025-00ff}"},
   });
 }
 

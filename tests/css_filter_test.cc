@@ -110,7 +110,7 @@ TEST_F(CssFilter, PlacesUnrepeatedIconsOfKnownSizeInOneSheet) {
     EXPECT_EQ(out.compare(at + std::strlen(rule), expected.size(), expected), 0) << rule << out;
   }
   EXPECT_NE(
-      out.find(".two{background:url(" + base + "pie0.gif) no-repeat, url(" + base + "pie1.gif);"),
+      out.find(".two{background:url(" + base + "pie0.gif) no-repeat,url(" + base + "pie1.gif);"),
       std::string::npos)
       << out;
   // The sheet is stored with the image server's files; nothing under css.

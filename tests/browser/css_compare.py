@@ -1,0 +1,301 @@
+#!/usr/bin/env python3
+"""Browser check of the stylesheet minifier.
+
+For every stylesheet of a corpus, headless Chromium loads two pages that apply
+to the same DOM the original sheet and the sheet as `zelvarpack minify-css`
+writes it, and compares:
+
+  - rule by rule, the CSSOM serialisation of every rule the browser kept
+    (selectors, declarations, at-rule preludes, nested rules): a rule the
+    minifier changed or broke shows here even when no element matches it;
+  - getComputedStyle of every element and of its ::before, ::after,
+    ::marker, ::first-line and ::first-letter pseudo-elements;
+  - the @font-face rules the browser accepted (family, style, weight,
+    stretch, unicode-range, display).
+
+The DOM is built from the sheet's own selectors: an element for every class,
+id and type it names (escapes undone), nested in one another so that
+descendant combinators and pseudo-classes of structure find something.
+
+Usage: css_compare.py --tool PATH [--chromium PATH] [SHEET ...]
+Without sheets, the corpus below. Exits 0 when every sheet computes the same
+(sheets of the corpus that are not installed are skipped and named), 1 on a
+difference, 2 when the browser cannot run.
+"""
+
+import argparse
+import json
+import os
+import re
+import subprocess
+import sys
+import tempfile
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+SOURCE = os.path.dirname(os.path.dirname(HERE))
+
+# Real stylesheets from Debian packages (scripts/install-deps.sh installs
+# them for the tests), and a sheet of our own that holds each construct the
+# minifier once got wrong.
+CORPUS = [
+    # an icon font: every glyph is a "\f0xx" escape in ::before content
+    "/usr/share/fonts-font-awesome/css/font-awesome.css",
+    # a framework: media queries, calc(), attribute selectors, :not()
+    "/usr/share/javascript/bootstrap4/css/bootstrap.css",
+    "/usr/share/javascript/bootstrap4/css/bootstrap-reboot.css",
+    # a documentation theme
+    "/usr/share/doc/doxygen-awesome-css/doxygen-awesome.css",
+    "/usr/share/doxygen-awesome-css/doxygen-awesome.css",
+    os.path.join(SOURCE, "testdata/css/browser/departures.css"),
+]
+
+PSEUDOS = ["", "::before", "::after", "::marker", "::first-line", "::first-letter"]
+
+COLLECT = r"""
+(async () => {
+  await document.fonts.ready;
+  const out = {rules: [], fonts: [], styles: []};
+  const walk = (rules, depth) => {
+    for (const rule of rules) {
+      out.rules.push(rule.cssText);
+      if (rule.cssRules && depth < 8) walk(rule.cssRules, depth + 1);
+    }
+  };
+  for (const sheet of document.styleSheets) walk(sheet.cssRules, 0);
+  for (const face of document.fonts) {
+    out.fonts.push([face.family, face.style, face.weight, face.stretch, face.unicodeRange,
+                    face.display].join("|"));
+  }
+  out.fonts.sort();
+  const pseudos = PSEUDOS;
+  for (const el of document.body.querySelectorAll("*")) {
+    for (const p of pseudos) {
+      const cs = getComputedStyle(el, p || null);
+      const values = [];
+      for (let i = 0; i < cs.length; i++) values.push(cs[i] + ":" + cs.getPropertyValue(cs[i]));
+      out.styles.push(el.tagName + "." + el.className + "#" + el.id + p + " " +
+                      values.join(";"));
+    }
+  }
+  return JSON.stringify(out);
+})()
+""".replace("PSEUDOS", json.dumps(PSEUDOS))
+
+
+class Chromium:
+    """Headless Chromium driven over --remote-debugging-pipe (CDP messages,
+    NUL-terminated JSON, commands on fd 3 and replies on fd 4)."""
+
+    def __init__(self, binary, profile):
+        to_browser_r, self._to_browser = os.pipe()
+        self._from_browser, from_browser_w = os.pipe()
+
+        def child_fds():
+            # Copies first: either end may itself be 3 or 4.
+            reader, writer = os.dup(to_browser_r), os.dup(from_browser_w)
+            os.dup2(reader, 3)
+            os.dup2(writer, 4)
+            os.set_inheritable(3, True)
+            os.set_inheritable(4, True)
+
+        self._process = subprocess.Popen(
+            [binary, "--headless=new", "--remote-debugging-pipe", "--no-sandbox",
+             "--disable-gpu", "--no-first-run", "--no-default-browser-check",
+             "--allow-file-access-from-files", "--user-data-dir=" + profile, "about:blank"],
+            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+            # The pipe ends are not inheritable; the copies on 3 and 4 are.
+            preexec_fn=child_fds, close_fds=False)
+        os.close(to_browser_r)
+        os.close(from_browser_w)
+        self._buffer = b""
+        self._next_id = 0
+        target = self.call("Target.createTarget", {"url": "about:blank"})["targetId"]
+        self._session = self.call("Target.attachToTarget",
+                                  {"targetId": target, "flatten": True})["sessionId"]
+        self.call("Page.enable", session=True)
+
+    def _read_message(self):
+        while b"\0" not in self._buffer:
+            chunk = os.read(self._from_browser, 1 << 20)
+            if not chunk:
+                raise RuntimeError("the browser closed its pipe")
+            self._buffer += chunk
+        message, self._buffer = self._buffer.split(b"\0", 1)
+        return json.loads(message)
+
+    def call(self, method, params=None, session=False, until_event=None):
+        self._next_id += 1
+        message = {"id": self._next_id, "method": method, "params": params or {}}
+        if session:
+            message["sessionId"] = self._session
+        os.write(self._to_browser, json.dumps(message).encode() + b"\0")
+        result = None
+        event_seen = until_event is None
+        while result is None or not event_seen:
+            reply = self._read_message()
+            if reply.get("id") == self._next_id:
+                if "error" in reply:
+                    raise RuntimeError(method + ": " + json.dumps(reply["error"]))
+                result = reply["result"]
+            elif until_event is not None and reply.get("method") == until_event:
+                event_seen = True
+        return result
+
+    def collect(self, url):
+        self.call("Page.navigate", {"url": url}, session=True, until_event="Page.loadEventFired")
+        reply = self.call("Runtime.evaluate",
+                          {"expression": COLLECT, "awaitPromise": True, "returnByValue": True},
+                          session=True)
+        if "exceptionDetails" in reply:
+            raise RuntimeError(json.dumps(reply["exceptionDetails"])[:2000])
+        return json.loads(reply["result"]["value"])
+
+    def close(self):
+        try:
+            self.call("Browser.close")
+        except (RuntimeError, OSError):
+            pass
+        try:
+            self._process.wait(timeout=10)
+        except subprocess.TimeoutExpired:
+            self._process.kill()
+            self._process.wait()
+        os.close(self._to_browser)
+        os.close(self._from_browser)
+
+
+def unescape(name):
+    """A CSS identifier with its escapes undone (CSS Syntax)."""
+    def hex_or_char(match):
+        text = match.group(1)
+        if re.fullmatch(r"[0-9a-fA-F]{1,6}\s?", text):
+            code = int(text.strip(), 16)
+            return chr(code) if 0 < code <= 0x10FFFF and not 0xD800 <= code <= 0xDFFF else "\ufffd"
+        return text
+    return re.sub(r"\\([0-9a-fA-F]{1,6}\s?|.)", hex_or_char, name, flags=re.S)
+
+
+NAME = r"(?:[-_a-zA-Z0-9\u0080-\uffff]|\\[0-9a-fA-F]{1,6}\s?|\\[^\n0-9a-fA-F])+"
+
+
+def build_dom(css):
+    """Elements for the classes, ids and types that the sheet names."""
+    text = re.sub(r"/\*.*?\*/", "", css, flags=re.S)
+    # Only selectors: the text before each "{" back to the last "}" or ";".
+    selectors = " ".join(re.findall(r"([^{};]*)\{", text))
+    selectors = re.sub(r"\"[^\"]*\"|'[^']*'", "", selectors)
+    classes = sorted({unescape(m) for m in re.findall(r"\.(" + NAME + ")", selectors)})
+    ids = sorted({unescape(m) for m in re.findall(r"#(" + NAME + ")", selectors)})
+    types = ["div", "span", "a", "p", "ul", "li", "i", "button", "input", "h1", "table", "td",
+             "label", "code", "pre", "blockquote", "img", "nav", "small", "select", "textarea"]
+    from html import escape
+    parts = []
+    # Each class on a div holding a span and an i of the next classes, so
+    # descendant and child combinators between them find elements.
+    for index, name in enumerate(classes):
+        inner = classes[(index + 1) % len(classes)]
+        third = classes[(index + 2) % len(classes)]
+        parts.append('<div class="%s"><span class="%s"><i class="%s"></i></span>'
+                     '<a class="%s" href="#x">a</a></div>'
+                     % (escape(name), escape(inner), escape(third), escape(name)))
+    for name in ids:
+        parts.append('<div id="%s"><p>t</p></div>' % escape(name))
+    for tag in types:
+        if tag in ("input", "img"):
+            parts.append("<%s>" % tag)
+        else:
+            parts.append("<%s>t<span>u</span></%s>" % (tag, tag))
+    parts.append("<ul><li>1</li><li>2</li></ul><table><tr><td>c</td></tr></table>")
+    return "\n".join(parts)
+
+
+def page(sheet_name, dom):
+    return ('<!DOCTYPE html><html><head><meta charset="utf-8">'
+            '<link rel="stylesheet" href="%s"></head><body>\n%s\n</body></html>'
+            % (sheet_name, dom))
+
+
+def compare(browser, tool, path, work):
+    with open(path, "rb") as f:
+        original = f.read()
+    minified = subprocess.run([tool, "minify-css", path], check=True,
+                              stdout=subprocess.PIPE).stdout
+    # Both sheets and pages beside each other in one folder, so relative
+    # references (fonts) resolve alike.
+    base = re.sub(r"[^A-Za-z0-9_.-]", "_", os.path.basename(path))
+    for name, data in (("orig-" + base, original), ("min-" + base, minified)):
+        with open(os.path.join(work, name), "wb") as f:
+            f.write(data)
+    dom = build_dom(original.decode("utf-8", "replace"))
+    results = []
+    for name in ("orig-" + base, "min-" + base):
+        html = os.path.join(work, name + ".html")
+        with open(html, "w", encoding="utf-8") as f:
+            f.write(page(name, dom))
+        results.append(browser.collect("file://" + html))
+    before, after = results
+    problems = []
+    # Chromium keeps an @supports condition as written, spaces and all.
+    for rules in (before["rules"], after["rules"]):
+        for i, rule in enumerate(rules):
+            if rule.startswith("@supports"):
+                head, _, rest = rule.partition("{")
+                rules[i] = re.sub(r"\s+", "", head) + "{" + rest
+    if before["rules"] != after["rules"]:
+        kept = len(before["rules"])
+        problems.append("rules: %d in the original, %d minified" % (kept, len(after["rules"])))
+        for a, b in zip(before["rules"], after["rules"]):
+            if a != b:
+                problems.append("  first differing rule:\n    %s\n    %s" % (a[:300], b[:300]))
+                break
+    if before["fonts"] != after["fonts"]:
+        problems.append("@font-face accepted: %s\n  minified: %s"
+                        % (before["fonts"][:5], after["fonts"][:5]))
+    differing = [(a, b) for a, b in zip(before["styles"], after["styles"]) if a != b]
+    if differing or len(before["styles"]) != len(after["styles"]):
+        problems.append("computed styles differ for %d of %d elements and pseudo-elements"
+                        % (len(differing), len(before["styles"])))
+        for a, b in differing[:3]:
+            sa, sb = a.split(";"), b.split(";")
+            first = next((x, y) for x, y in zip(sa, sb) if x != y) if len(sa) == len(sb) \
+                else (a[:200], b[:200])
+            problems.append("  %s: %s / %s" % (a.split(" ")[0][:80], first[0][:150],
+                                                first[1][:150]))
+    summary = ("%s: %d rules, %d @font-face, %d elements and pseudo-elements, %d -> %d bytes"
+               % (path, len(before["rules"]), len(before["fonts"]), len(before["styles"]),
+                  len(original), len(minified)))
+    return summary, problems
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--tool", required=True)
+    parser.add_argument("--chromium", default="chromium")
+    parser.add_argument("sheets", nargs="*")
+    args = parser.parse_args()
+    sheets = args.sheets or [p for p in CORPUS if os.path.exists(p)]
+    missing = [p for p in CORPUS if not args.sheets and not os.path.exists(p)]
+    with tempfile.TemporaryDirectory() as work:
+        try:
+            browser = Chromium(args.chromium, os.path.join(work, "profile"))
+        except (OSError, RuntimeError) as error:
+            print("cannot start the browser: %s" % error)
+            return 2
+        failed = 0
+        try:
+            for path in sheets:
+                summary, problems = compare(browser, args.tool, path, work)
+                print(("FAIL " if problems else "same ") + summary)
+                for line in problems:
+                    print("  " + line)
+                failed += bool(problems)
+        finally:
+            browser.close()
+    for path in missing:
+        print("skipped (not installed): " + path)
+    print("%d passed, %d failed" % (len(sheets) - failed, failed))
+    return 1 if failed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
