@@ -41,6 +41,7 @@ void CssMinifier::BeginSheet() {
   ClearFlags();
   afterGroup_ = 0;
   parenDepth_ = 0;
+  varDepth_ = 0;
   capture_ = 0;
   storeCapture_ = 0;
   ruleUrls_ = 0;
@@ -83,6 +84,7 @@ void CssMinifier::OnIdent(CssText* ident) {
 void CssMinifier::OnFunction(CssText* name) {
   Begin(kOtherFirst);
   ++parenDepth_;
+  if (varDepth_ == 0 && name->EqualsIgnoringCase("var")) varDepth_ = parenDepth_;
   Write(*name);
   Write("(", 1);
   ClearFlags();  // a space after a function's "(" is kept
@@ -140,7 +142,7 @@ void CssMinifier::OnDelim(CssText* delim) {
   // Spaces around "," say nothing (but a custom property keeps its value
   // as written); nor do those before "!" or around a selector's
   // combinators outside parentheses ("2n + 1" stays).
-  const bool comma = c == ',' && statement_ != kCustomProperty;
+  const bool comma = c == ',' && statement_ != kCustomProperty && varDepth_ == 0;
   const bool combinator = (c == '>' || c == '+' || c == '~') && parenDepth_ == 0 && InSelector();
   if (comma || combinator || c == '!') DropTrailingSpace();
   Write(*delim);
@@ -213,6 +215,7 @@ void CssMinifier::OnSemicolon(void*) {
   WritePunctuation(";", 1);
   statement_ = kNoStatement;
   parenDepth_ = 0;
+  varDepth_ = 0;
 }
 
 void CssMinifier::OnCdo(void*) { WritePunctuation("<!--", 4); }
@@ -222,6 +225,7 @@ void CssMinifier::OnCdc(void*) { WritePunctuation("-->", 3); }
 // tokens in "calc((1px) + 2px)", "url(a) no-repeat", ":not(.a) .b", "[x] a".
 void CssMinifier::OnCloseParen(void*) {
   if (parenDepth_ > 0) --parenDepth_;
+  if (parenDepth_ < varDepth_) varDepth_ = 0;
   WritePunctuation(")", 1);
   suppressSpace_ = 0;
   afterGroup_ = 1;
@@ -252,6 +256,7 @@ void CssMinifier::OnOpenBrace(void*) {
   blocks_.push_back(block);
   statement_ = kNoStatement;
   parenDepth_ = 0;
+  varDepth_ = 0;
   WritePunctuation("{", 1);
   // The declarations of the rule are captured for the sprite pass of filter
   // mode, which reads a background image's size and padding from them.
@@ -291,6 +296,7 @@ void CssMinifier::OnCloseBrace(void*) {
   if (!blocks_.empty()) blocks_.pop_back();
   statement_ = kNoStatement;
   parenDepth_ = 0;
+  varDepth_ = 0;
   storeCapture_ = 0;
   capture_ = 0;
   ruleUrls_ = 0;

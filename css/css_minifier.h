@@ -7,7 +7,7 @@
 // before ")", "]" and "!", around the combinators ">", "+", "~" of a
 // selector, and around ":" and before "[" except in a selector, where a
 // space there is a descendant combinator (".a :hover", "div [x]"). Custom
-// property values keep their spaces around ",". It is kept
+// property values and var() keep their spaces around ",". It is kept
 // after ")" and "]" unless punctuation follows, so "calc((1px) + 2px)",
 // "url(a) no-repeat" and ":not(.a) .b" keep their meaning; it is kept around
 // "+" and "-" everywhere, so math functions stay valid. Escapes, exponents
@@ -119,8 +119,11 @@ class CssMinifier : public CCssConstructorEvents {
   unsigned char afterImport_ = 0;
   // The space pending after ")" or "]" may be dropped before "," and "!".
   unsigned char afterGroup_ = 0;
-  // Parentheses and functions open in the current statement.
+  // Parentheses and functions open in the current statement, and the depth
+  // of the outermost var() among them (0: none), whose fallback browsers
+  // keep as written.
   std::int32_t parenDepth_ = 0;
+  std::int32_t varDepth_ = 0;
   unsigned char capture_ = 0;
   unsigned char storeCapture_ = 0;
   // Url entries made in the current rule (filter mode).

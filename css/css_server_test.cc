@@ -78,6 +78,7 @@ TEST(CssMinifier, SpacesAroundPunctuationDisappear) {
       {"a{b:x + y - z}", "a{b:x + y - z}"},  // other delims keep their spaces
       {"li:nth-child(2n + 1) > a{}", "li:nth-child(2n + 1)>a{}"},
       {":root{--f: a , b ;--g:c}", ":root{--f:a , b;--g:c}"},  // custom properties as written
+      {"a{b:var(--a, f(1, 2)) , g(3, 4)}", "a{b:var(--a, f(1, 2)),g(3,4)}"},  // and var()
   });
 }
 
