@@ -12,9 +12,10 @@ enum class FileShare { kReaders, kAlone };
 
 // Opens `path` for binary reading (kReaders) or for binary writing with
 // truncation (kAlone), holding a lock that lives until fclose. Returns null
-// when the file cannot be opened or the lock is held elsewhere. Truncation
-// happens only after the exclusive lock is held, so a reader never sees a
-// writer empty a file under it.
+// when the file cannot be opened or the lock is held elsewhere. No reader
+// ever sees a file that is being written: an existing file is emptied only
+// once the exclusive lock is held, and a new file gets its name only once it
+// is locked (created unnamed, or under a temporary name, then linked).
 FILE* TryOpenLocked(const char* path, FileShare share);
 
 // True when `path` names an existing file system entry.

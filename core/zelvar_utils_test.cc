@@ -7,9 +7,11 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <string>
 #include <thread>
 
+#include "core/file_lock.h"
 #include "tests/temp_dir.h"
 
 namespace {
@@ -76,6 +78,59 @@ TEST(OpenFile, ReaderInAnotherProcessWaitsForWriter) {
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
   ::close(ready[0]);
   ::close(ready[1]);
+}
+
+// A new file gets its name only once the writer holds it: a reader that
+// races the writer, opening the path the moment it appears, always waits and
+// reads the whole content, never the empty file of a writer that has created
+// the file but not yet locked it.
+TEST(OpenFile, ReaderNeverSeesANewFileBeingWritten) {
+  TempDir dir;
+  for (int round = 0; round < 200; ++round) {
+    const std::string path = dir.File("new" + std::to_string(round));
+    std::atomic<bool> started{false};
+    std::string seen;
+    std::thread reader([&] {
+      started = true;
+      while (!zelvarpack::PathExists(path.c_str())) {
+      }
+      FILE* file = CZelvarUtils::OpenFileForReading(path);
+      if (file == nullptr) return;
+      seen = ReadAll(file);
+      std::fclose(file);
+    });
+    while (!started.load()) {
+    }
+    FILE* writer = CZelvarUtils::OpenFileForWriting(path);
+    ASSERT_NE(writer, nullptr);
+    std::fputs("complete", writer);
+    std::fclose(writer);
+    reader.join();
+    ASSERT_EQ(seen, "complete") << "round " << round;
+  }
+}
+
+// Two writers creating the same new file one after the other both get it
+// whole in turn; no temporary name is left behind in the folder.
+TEST(OpenFile, WritersRacingForANewFileTakeTurns) {
+  TempDir dir;
+  const std::string path = dir.File("shared");
+  auto write = [&](const char* text) {
+    FILE* file = CZelvarUtils::OpenFileForWriting(path);
+    std::fputs(text, file);
+    std::fclose(file);
+  };
+  std::thread first([&] { write("first writer"); });
+  std::thread second([&] { write("second writer"); });
+  first.join();
+  second.join();
+  const std::string content = ReadWholeFile(path);
+  EXPECT_TRUE(content == "first writer" || content == "second writer") << content;
+  int entries = 0;
+  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(dir.path())) {
+    ++entries;
+  }
+  EXPECT_EQ(entries, 1);
 }
 
 // A writer waits while a reader holds the file; the reader's bytes are never

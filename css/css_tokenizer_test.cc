@@ -7,6 +7,7 @@
 
 #include "css/css_constructor.h"
 #include "css/css_test_support.h"
+#include "tests/token_cases.h"
 
 namespace {
 
@@ -14,22 +15,12 @@ using zelvarpack::css::testing::Escaped;
 using zelvarpack::css::testing::Text;
 using zelvarpack::css::testing::Tokens;
 
-struct Case {
-  std::string input;
-  std::string expected;
-};
+using zelvarpack::testing::B;
 
-void ExpectTokens(const std::vector<Case>& cases) {
-  for (const Case& c : cases) {
-    SCOPED_TRACE("input: " + Escaped(c.input));
-    EXPECT_EQ(Tokens(c.input), c.expected);
-  }
-}
-
-// A literal with its embedded NUL bytes.
-template <std::size_t N>
-std::string B(const char (&bytes)[N]) {
-  return std::string(bytes, N - 1);
+void ExpectTokens(const std::vector<zelvarpack::testing::TokenCase>& cases) {
+  zelvarpack::testing::ExpectTokenCases(
+      cases, [](const std::string& input) { return Tokens(input); },
+      [](const std::string& input) { return Escaped(input); });
 }
 
 TEST(CssTokenizer, PunctuationWhitespaceAndDelims) {

@@ -6,12 +6,10 @@
 #include <cstring>
 #include <limits>
 #include <new>
-#include <string_view>
 #include <utility>
 
 #include "core/buffer_blocks.h"
-#include "core/cache_files.h"
-#include "core/file_lock.h"
+#include "core/gzip_twin.h"
 #include "core/identifiers.h"
 #include "css/css_chars.h"
 #include "css/css_constructor.h"
@@ -28,11 +26,6 @@ using zelvarpack::css::ToAsciiLower;
 namespace {
 
 constexpr std::size_t kAnySize = std::numeric_limits<std::int32_t>::max();
-
-std::string_view Bytes(CZelvarBuffer& buffer) {
-  return {reinterpret_cast<const char*>(buffer.GetValue()),
-          static_cast<std::size_t>(buffer.GetValueLength())};
-}
 
 // Copies `count` bytes with every CR written as LF (so CR LF is two line
 // feeds, as the tokenizer's own preprocessing makes it). Piece by piece, so
@@ -297,50 +290,29 @@ void CssServerCore::WriteEntries(std::size_t first) {
 std::string CssServerCore::GetMinifiedId() {
   const std::string id =
       ContentId(output->GetValue(), static_cast<std::size_t>(output->GetValueLength()));
-  const std::string folder = state.cacheDirectory + "/css";
-  const std::string path = folder + "/" + id;
-  if (state.isFilter || zelvarpack::PathExists(path.c_str())) return id;
-  zelvarpack::EnsureFolder(folder);
-  const std::unique_ptr<CZelvarBuffer> gzip = zelvarpack::net::Compress(
-      output->GetValue(), static_cast<std::size_t>(output->GetValueLength()),
-      zelvarpack::net::ZlibFormat::kGzip);
-  // The gzip twin goes first: the plain file marks the work done, so once it
-  // exists its twin does too, even after a crash in between.
-  using zelvarpack::Publish;
-  if (zelvarpack::PublishFile(path + ".g", {Bytes(*gzip)}, Publish::kKeepExisting)) {
-    zelvarpack::PublishFile(path, {Bytes(*output)}, Publish::kKeepExisting);
-  }
-  return id;
+  if (state.isFilter) return id;
+  const std::size_t length = static_cast<std::size_t>(output->GetValueLength());
+  return zelvarpack::StoreContentWithGzipTwin(state.cacheDirectory + "/css",
+                                              CollateHash(output->GetValue(), length),
+                                              output->GetValue(), length);
 }
 
 CZelvarBuffer* CssServerCore::GetMinifiedId(const std::string& id, bool& gzip) {
-  std::unique_ptr<CZelvarBuffer> plain;
-  std::unique_ptr<CZelvarBuffer> compressed;
+  zelvarpack::PlainAndGzip pair;
   if (state.isFilter) {
-    plain = std::make_unique<CZelvarBuffer>();
-    plain->Append(output->GetValue(), output->GetValueLength());
-    compressed = zelvarpack::net::Compress(output->GetValue(),
-                                           static_cast<std::size_t>(output->GetValueLength()),
-                                           zelvarpack::net::ZlibFormat::kGzip);
+    pair.plain = std::make_unique<CZelvarBuffer>();
+    pair.plain->Append(output->GetValue(), output->GetValueLength());
+    pair.gzip = zelvarpack::net::Compress(output->GetValue(),
+                                          static_cast<std::size_t>(output->GetValueLength()),
+                                          zelvarpack::net::ZlibFormat::kGzip);
   } else {
     if (!IsGuidShaped(id)) return nullptr;
-    const std::string path = state.cacheDirectory + "/css/" + id;
-    plain = zelvarpack::ReadCacheFile(path, kAnySize);
-    compressed = zelvarpack::ReadCacheFile(path + ".g", kAnySize);
+    pair = zelvarpack::ReadWithGzipTwin(state.cacheDirectory + "/css/" + id);
   }
-  // The script server's choice.
-  if (!plain || !gzip) {
-    if (compressed) gzip = false;
-    return plain.release();
-  }
-  if (!compressed) return plain.release();
-  if (compressed->GetValueLength() == 0 ||
-      compressed->GetValueLength() >= plain->GetValueLength()) {
-    gzip = false;
-    return plain.release();
-  }
-  wasGzip = 1;
-  return compressed.release();
+  bool servedGzip = false;
+  CZelvarBuffer* body = zelvarpack::ChooseServedBody(std::move(pair), gzip, servedGzip);
+  if (servedGzip) wasGzip = 1;
+  return body;
 }
 
 }  // namespace zelvarpack::css

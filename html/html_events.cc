@@ -83,6 +83,7 @@ HtmlAttribute* HtmlTagToken::AddAttribute() {
     attribute->name.Forget();
     attribute->value.Forget();
     attribute->flag = 0;
+    attribute->quoting = HtmlAttribute::kNoValue;
   } else {
     attribute = new HtmlAttribute;
   }
@@ -100,6 +101,14 @@ HtmlAttribute* HtmlTagToken::AddAttribute() {
 HtmlAttribute* HtmlTagToken::FindAttribute(const char* name) const {
   for (HtmlAttribute* attribute = first_attribute_; attribute != nullptr;
        attribute = attribute->next) {
+    if (attribute->name.EqualsIgnoringCase(name)) return attribute;
+  }
+  return nullptr;
+}
+
+HtmlAttribute* HtmlTagToken::FindLastAttribute(const char* name) const {
+  for (HtmlAttribute* attribute = last_attribute_; attribute != nullptr;
+       attribute = attribute->previous) {
     if (attribute->name.EqualsIgnoringCase(name)) return attribute;
   }
   return nullptr;

@@ -488,14 +488,17 @@ std::size_t HtmlTokenizer::BeforeAttributeValueState(std::size_t pos) {
       continue;
     }
     if (c == '"') {
+      CurrentAttribute()->quoting = HtmlAttribute::kDoubleQuoted;
       state = return_state_ = kAttributeValueDoubleQuotedState;
       return Next(pos);
     }
     if (c == '\'') {
+      CurrentAttribute()->quoting = HtmlAttribute::kSingleQuoted;
       state = return_state_ = kAttributeValueSingleQuotedState;
       return Next(pos);
     }
     if (c == '&') {
+      CurrentAttribute()->quoting = HtmlAttribute::kUnquoted;
       state = return_state_ = kAttributeValueUnquotedState;
       return Reconsume(pos);
     }
@@ -504,7 +507,9 @@ std::size_t HtmlTokenizer::BeforeAttributeValueState(std::size_t pos) {
       EmitTag();
       return Next(pos);
     }
-    if (c != 0) CurrentAttribute()->value.Append(c);
+    HtmlAttribute* attribute = CurrentAttribute();
+    attribute->quoting = HtmlAttribute::kUnquoted;
+    if (c != 0) attribute->value.Append(c);
     state = return_state_ = kAttributeValueUnquotedState;
     return Next(pos);
   }

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "image/codec.h"
-#include "image/codec_samples.h"
+#include "tests/codec_samples.h"
 
 namespace zelvarpack::image {
 namespace {

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "image/codec_samples.h"
+#include "tests/codec_samples.h"
 
 namespace zelvarpack::image {
 namespace {

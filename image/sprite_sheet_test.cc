@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "image/codec_samples.h"
+#include "tests/codec_samples.h"
 
 namespace zelvarpack::image {
 namespace {

@@ -10,7 +10,9 @@
 
 #include "core/cache_files.h"
 #include "core/file_lock.h"
+#include "core/gzip_twin.h"
 #include "core/identifiers.h"
+#include "core/sha256.h"
 #include "image/codec.h"
 #include "image/decode_pool.h"
 #include "image/sprite_sheet.h"
@@ -296,7 +298,6 @@ std::string CZelvarImageServer::State::Build(std::int32_t kind) {
           zelvarpack::image::IndexEntry(record.key, composed.size, composed.cells[i], record.width,
                                         record.height, static_cast<std::int32_t>(record.marginLeft),
                                         static_cast<std::int32_t>(record.marginTop));
-      record.hasEntry = true;
     }
     heldPixels.fetch_sub(static_cast<std::int64_t>(record.image.width) * record.image.height);
     record.image = RgbaImage{};  // drawn: the pixels are no longer needed
@@ -305,25 +306,41 @@ std::string CZelvarImageServer::State::Build(std::int32_t kind) {
   const std::string& encoded = composed.encoded;
 
   // Worth test: a sheet larger than its sources is not used. A sheet that
-  // could not be encoded is not used either.
+  // could not be encoded is not used either. Either way no image of the set
+  // is placed.
   if (encoded.empty() || encoded.size() > set.source.size()) return {};
 
-  set.id = CZelvarUtils::MakeCacheName(
+  // A sheet file is never trusted by its name alone: its sources' SHA-256
+  // digest ("<id>.d") must be ours, or the next candidate name is tried.
+  const std::int32_t hash =
       CZelvarUtils::UrlHash(reinterpret_cast<const unsigned char*>(set.source.data()),
-                            static_cast<std::int32_t>(set.source.size())));
+                            static_cast<std::int32_t>(set.source.size()));
+  const std::string digest = zelvarpack::Sha256Hex(set.source);
   const std::string folder = cachePath + kSets[static_cast<std::size_t>(kind)].folder;
-  const std::string path = folder + "/" + set.id;
-  if (!zelvarpack::PathExists(path.c_str())) {
-    zelvarpack::EnsureFolder(folder);
-    std::string index;
-    for (const ImageRecord* record : set.records) {
-      index += zelvarpack::image::FormatIndexLine(record->entry);
+  std::string index;
+  for (const ImageRecord* record : set.records) {
+    index += zelvarpack::image::FormatIndexLine(record->entry);
+  }
+  using zelvarpack::Publish;
+  for (int attempt = 0; attempt < zelvarpack::kContentIdCandidates; ++attempt) {
+    const std::string id = zelvarpack::ContentIdCandidate(hash, attempt);
+    const std::string path = folder + "/" + id;
+    if (!zelvarpack::PathExists(path.c_str())) {
+      zelvarpack::EnsureFolder(folder);
+      // The digest and the index go first: the sheet is what marks the work
+      // done, so once it exists the other two do too.
+      if (!zelvarpack::PublishFile(path + ".d", {digest}, Publish::kKeepExisting) ||
+          !zelvarpack::PublishFile(path + ".c", {index}, Publish::kKeepExisting) ||
+          !zelvarpack::PublishFile(path, {encoded}, Publish::kKeepExisting)) {
+        break;
+      }
     }
-    // The index goes first: the sheet is what marks the work done, so once
-    // it exists its index does too.
-    using zelvarpack::Publish;
-    if (zelvarpack::PublishFile(path + ".c", {index}, Publish::kKeepExisting)) {
-      zelvarpack::PublishFile(path, {encoded}, Publish::kKeepExisting);
+    const std::unique_ptr<CZelvarBuffer> stored = zelvarpack::ReadCacheFile(path + ".d", 256);
+    if (stored && std::string_view(reinterpret_cast<const char*>(stored->GetValue()),
+                                   static_cast<std::size_t>(stored->GetValueLength())) == digest) {
+      set.id = id;
+      for (ImageRecord* record : set.records) record->hasEntry = true;
+      break;
     }
   }
   return set.id;
@@ -441,6 +458,17 @@ bool CZelvarImageServer::GetImageEntry(std::int32_t handle, CZelvarImageEntry& e
   const ImageRecord* record = state_->Record(handle);
   if (record == nullptr || !record->hasEntry) return false;
   entry = record->entry;
+  return true;
+}
+
+bool CZelvarImageServer::GetImagePlacement(std::int32_t handle,
+                                           CZelvarImagePlacement& placement) const {
+  const ImageRecord* record = state_->Record(handle);
+  if (record == nullptr || !record->hasEntry) return false;
+  placement.sheetKind = record->set;
+  placement.width = record->width;
+  placement.height = record->height;
+  placement.entry = record->entry;
   return true;
 }
 

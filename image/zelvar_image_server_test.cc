@@ -8,8 +8,8 @@
 #include <memory>
 
 #include "image/codec.h"
-#include "image/codec_samples.h"
 #include "image/sprite_sheet.h"
+#include "tests/codec_samples.h"
 #include "tests/temp_dir.h"
 #include "zelvarpack/zelvar_utils.h"
 

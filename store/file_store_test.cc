@@ -11,7 +11,6 @@
 #include <string>
 
 #include "net/zlib_codec.h"
-#include "store/session_pool.h"
 #include "tests/store_databases.h"
 #include "tests/temp_dir.h"
 #include "zelvarpack/zelvar_file_server.h"
@@ -371,45 +370,6 @@ TEST(FileStorePostgres, TwoProcessesAddAtOnce) {
     }
   }
   EXPECT_EQ(CountRows(db->Connection(), "file"), 12);
-}
-
-TEST(FileStorePostgres, KeptSessionsAreReusedAndReplacedOnceTheServerClosedThem) {
-  std::unique_ptr<StoreDatabase> db = NewPostgresDatabase();
-  if (db->Connection().empty()) GTEST_SKIP() << db->Why();
-  zelvarpack::store::SessionPool sessions;
-  StoreOptions options;
-  options.sessions = &sessions;
-  const std::string files[] = {RealFile("/usr/share/common-licenses/GPL-3"), RandomBytes(7, 9000),
-                               RealFile("/usr/share/common-licenses/GPL-2")};
-  const auto store = [&](const std::string& bytes) {
-    std::string error;
-    const std::int32_t id =
-        StoreFile(db->Connection(), reinterpret_cast<const unsigned char*>(bytes.data()),
-                  static_cast<std::int32_t>(bytes.size()), options, &error);
-    EXPECT_GT(id, 0) << error;
-    return id;
-  };
-  const auto sessionsOnServer = [&] {
-    return CountRows(db->Connection(),
-                     "pg_stat_activity WHERE datname = current_database() "
-                     "AND pid <> pg_backend_pid()");
-  };
-  const std::int32_t first = store(files[0]);
-  const std::int32_t second = store(files[1]);
-  EXPECT_EQ(sessions.idle(), 1u);
-  EXPECT_EQ(sessionsOnServer(), 1);  // both files went through one connection
-
-  // The server ends the kept session (a restart, an idle time-out): the next
-  // file is stored on a new one rather than failing.
-  ASSERT_EQ(ExecuteSql(db->Connection(),
-                       "SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE "
-                       "datname = current_database() AND pid <> pg_backend_pid()"),
-            "");
-  const std::int32_t third = store(files[2]);
-  EXPECT_EQ(sessions.idle(), 1u);
-  EXPECT_EQ(StoredBytes(db->Connection(), first), files[0]);
-  EXPECT_EQ(StoredBytes(db->Connection(), second), files[1]);
-  EXPECT_EQ(StoredBytes(db->Connection(), third), files[2]);
 }
 
 TEST(FileStorePostgres, ADatabaseWithoutTheChunkFunctionGetsItBack) {

@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "css/css_downloads.h"
-#include "image/codec_samples.h"
+#include "tests/codec_samples.h"
 #include "tests/loopback_servers.h"
 #include "tests/temp_dir.h"
 #include "zelvarpack/zelvar_css_server.h"

@@ -1,6 +1,5 @@
 // zelvarpack audio pack, run as a real process.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -8,28 +7,14 @@
 
 #include "media/wav_test_support.h"
 #include "tests/temp_dir.h"
+#include "tests/tool_runner.h"
 
 namespace {
 
 using zelvarpack::testing::MonoWav;
 using zelvarpack::testing::Noise;
 
-struct ToolRun {
-  int status;
-  std::string out;
-};
-
-ToolRun Tool(const std::string& args) {
-  const std::string command = std::string(ZP_TOOL_PATH) + " " + args + " 2>&1";
-  FILE* pipe = ::popen(command.c_str(), "r");
-  ToolRun run{-1, ""};
-  char chunk[4096];
-  std::size_t got;
-  while ((got = std::fread(chunk, 1, sizeof chunk, pipe)) > 0) run.out.append(chunk, got);
-  const int status = ::pclose(pipe);
-  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return run;
-}
+ToolRun Tool(const std::string& args) { return RunTool(args, ToolErrors::kMerged); }
 
 TEST(AudioPackCommand, PrintsCountsAndSizes) {
   TempDir dir;

@@ -80,5 +80,7 @@ int RunStyle(zelvarpack::cli::Arguments& args);
 int RunAudio(zelvarpack::cli::Arguments& args);
 int RunStore(zelvarpack::cli::Arguments& args);
 int RunSprite(zelvarpack::cli::Arguments& args);
+int RunOptimize(zelvarpack::cli::Arguments& args);
+int RunServe(zelvarpack::cli::Arguments& args);
 
 #endif  // ZELVARPACK_TOOLS_CLI_H_

@@ -1,6 +1,5 @@
 // zelvarpack fetch and zelvarpack js, run as real processes.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -9,32 +8,15 @@
 #include "core/identifiers.h"
 #include "tests/loopback_servers.h"
 #include "tests/temp_dir.h"
+#include "tests/tool_runner.h"
 #include "zelvarpack/zelvar_utils.h"
 
 namespace {
 
-struct ToolRun {
-  int status;
-  std::string out;
-  std::string err;
-};
-
 class FetchAndJsTool : public ::testing::Test {
  protected:
   // Runs the tool with `args` (shell words).
-  ToolRun Tool(const std::string& args) {
-    const std::string errFile = dir_.File("stderr");
-    const std::string command = std::string(ZP_TOOL_PATH) + " " + args + " 2>" + errFile;
-    FILE* pipe = ::popen(command.c_str(), "r");
-    ToolRun run{-1, "", ""};
-    char chunk[4096];
-    std::size_t got;
-    while ((got = std::fread(chunk, 1, sizeof chunk, pipe)) > 0) run.out.append(chunk, got);
-    const int status = ::pclose(pipe);
-    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    run.err = ReadWholeFile(errFile);
-    return run;
-  }
+  ToolRun Tool(const std::string& args) { return RunTool(args, ToolErrors::kKept); }
   std::string Cache() const { return dir_.File("cache"); }
   TempDir dir_;
 };

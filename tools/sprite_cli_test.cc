@@ -1,30 +1,14 @@
 // zelvarpack sprite and sprite get, run as real processes.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <cstdio>
 #include <filesystem>
 #include <string>
 
 #include "tests/temp_dir.h"
+#include "tests/tool_runner.h"
 
 namespace {
-
-struct ToolRun {
-  int status;
-  std::string out;
-};
-
-ToolRun Tool(const std::string& args) {
-  FILE* pipe = ::popen((std::string(ZP_TOOL_PATH) + " " + args + " 2>/dev/null").c_str(), "r");
-  ToolRun run{-1, ""};
-  char chunk[4096];
-  std::size_t got;
-  while ((got = std::fread(chunk, 1, sizeof chunk, pipe)) > 0) run.out.append(chunk, got);
-  const int status = ::pclose(pipe);
-  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return run;
-}
 
 TEST(SpriteTool, BuildsTheSameSheetInEveryRunAndReadsItBack) {
   TempDir dir;
@@ -36,8 +20,8 @@ TEST(SpriteTool, BuildsTheSameSheetInEveryRunAndReadsItBack) {
   for (int run = 0; run < 2; ++run) {
     const std::string cache = dir.File("cache" + std::to_string(run));
     std::filesystem::create_directories(cache);
-    const ToolRun built = Tool("sprite --cache " + cache + " --margins 0,0,2,0" + images +
-                               " --size 10x11 " + icons + "a.png /etc/hostname");
+    const ToolRun built = RunTool("sprite --cache " + cache + " --margins 0,0,2,0" + images +
+                                  " --size 10x11 " + icons + "a.png /etc/hostname");
     ASSERT_EQ(built.status, 0);
     output[run] = built.out;
   }
@@ -59,15 +43,15 @@ TEST(SpriteTool, BuildsTheSameSheetInEveryRunAndReadsItBack) {
 
   const std::string cache = dir.File("cache0");
   const ToolRun got =
-      Tool("sprite get --cache " + cache + " gif '" + id + "' -o " + dir.File("sheet"));
+      RunTool("sprite get --cache " + cache + " gif '" + id + "' -o " + dir.File("sheet"));
   EXPECT_EQ(got.status, 0);
   EXPECT_EQ(got.out, ReadWholeFile(cache + "/gif/" + id + ".c"));
   EXPECT_EQ(ReadWholeFile(dir.File("sheet")), ReadWholeFile(cache + "/gif/" + id));
-  EXPECT_EQ(Tool("sprite get --cache " + cache + " png32 '" + id + "' -o " + dir.File("x")).status,
-            1);
-  EXPECT_EQ(Tool("sprite get --cache " + cache + " bmp '" + id + "' -o " + dir.File("x")).status,
+  EXPECT_EQ(
+      RunTool("sprite get --cache " + cache + " png32 '" + id + "' -o " + dir.File("x")).status, 1);
+  EXPECT_EQ(RunTool("sprite get --cache " + cache + " bmp '" + id + "' -o " + dir.File("x")).status,
             2);
-  EXPECT_EQ(Tool("sprite --size 10 " + icons + "a.gif").status, 2);
+  EXPECT_EQ(RunTool("sprite --size 10 " + icons + "a.gif").status, 2);
 }
 
 }  // namespace

@@ -1,20 +1,15 @@
 // zelvarpack store add | get | stats, run as real processes on a SQLite
 // database file.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <cstdio>
 #include <string>
 
 #include "store/file_store.h"
 #include "tests/temp_dir.h"
+#include "tests/tool_runner.h"
 
 namespace {
-
-struct ToolRun {
-  int status;
-  std::string out;
-};
 
 class StoreTool : public ::testing::Test {
  protected:
@@ -23,16 +18,7 @@ class StoreTool : public ::testing::Test {
   }
   // Runs the tool with `args` (shell words) inside the test's folder.
   ToolRun Tool(const std::string& args) {
-    const std::string command =
-        "cd " + dir_.path().string() + " && " + ZP_TOOL_PATH + " " + args + " 2>&1";
-    FILE* pipe = ::popen(command.c_str(), "r");
-    ToolRun run{-1, ""};
-    char chunk[4096];
-    std::size_t got;
-    while ((got = std::fread(chunk, 1, sizeof chunk, pipe)) > 0) run.out.append(chunk, got);
-    const int status = ::pclose(pipe);
-    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return run;
+    return RunTool(args, ToolErrors::kMerged, dir_.path().string());
   }
   TempDir dir_;
 };

@@ -39,7 +39,17 @@ constexpr char kUsage[] =
     "                                               build the four sprite sheets; print ids and\n"
     "                                               each image's key and percentages\n"
     "  sprite get [--cache DIR] gif|jpg|png24|png32 ID -o FILE\n"
-    "                                               write a stored sheet, print its index\n";
+    "                                               write a stored sheet, print its index\n"
+    "  optimize (--url URL | --file PAGE --page-url URL) [--cache DIR] [--timeout SECONDS]\n"
+    "           [--handler-path PATH] [--server-address HOST] [--fetch-foreign]\n"
+    "           [--keep-comments] [--user-agent UA] [--client-address ADDRESS] [-o FILE]\n"
+    "                                               optimise a page: the new page to FILE (or\n"
+    "                                               stdout), the counters and ids as JSON (on\n"
+    "                                               stdout with -o, else stderr)\n"
+    "  serve --listen ADDRESS:PORT --root DIR [--cache DIR]\n"
+    "                                               serve DIR's files and the CS.zp, JS.zp\n"
+    "                                               and IS.zp handlers from the cache; print\n"
+    "                                               the address, then run until stopped\n";
 
 struct Command {
   const char* name;
@@ -60,6 +70,8 @@ constexpr Command kCommands[] = {
     {"audio", RunAudio},
     {"store", RunStore},
     {"sprite", RunSprite},
+    {"optimize", RunOptimize},
+    {"serve", RunServe},
 };
 
 }  // namespace

@@ -1,34 +1,14 @@
 // The command-line tool's fixed output formats and its usage errors, run as
 // a real process.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <cstdio>
 #include <string>
 
 #include "tests/temp_dir.h"
+#include "tests/tool_runner.h"
 
 namespace {
-
-struct ToolRun {
-  int status;
-  std::string out;
-};
-
-// Runs the tool with `args` (shell words), standard error discarded unless
-// asked for.
-ToolRun Tool(const std::string& args, bool withStderr = false) {
-  const std::string command =
-      std::string(ZP_TOOL_PATH) + " " + args + (withStderr ? " 2>&1" : " 2>/dev/null");
-  FILE* pipe = ::popen(command.c_str(), "r");
-  ToolRun run{-1, ""};
-  char chunk[4096];
-  std::size_t got;
-  while ((got = std::fread(chunk, 1, sizeof chunk, pipe)) > 0) run.out.append(chunk, got);
-  const int status = ::pclose(pipe);
-  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return run;
-}
 
 class ToolTest : public ::testing::Test {
  protected:
@@ -45,7 +25,7 @@ TEST_F(ToolTest, HtmlTokensPrintsEveryKindOfToken) {
   const std::string page = Page(
       "<!DOCTYPE html PUBLIC \"\">\r\n<P Class=\"a\\b\" x>t\xe9\"<!--c--><br/></p></P y=1>"
       "<svg><![CDATA[d]]>");
-  const ToolRun run = Tool("html-tokens " + page);
+  const ToolRun run = RunTool("html-tokens " + page);
   EXPECT_EQ(run.status, 0);
   EXPECT_EQ(run.out,
             "[\"DOCTYPE\", \"html\", \"\", null, false]\n"
@@ -62,14 +42,14 @@ TEST_F(ToolTest, HtmlTokensPrintsEveryKindOfToken) {
 
 TEST_F(ToolTest, HtmlTokensConstructorSwitchesStatesAndReportsQuirks) {
   const std::string page = Page("<title><b>&amp;</title><p>");
-  EXPECT_EQ(Tool("html-tokens --constructor " + page).out,
+  EXPECT_EQ(RunTool("html-tokens --constructor " + page).out,
             "[\"StartTag\", \"title\", [], false]\n"
             "[\"Character\", \"<b>&amp;\"]\n"
             "[\"EndTag\", \"title\", []]\n"
             "[\"StartTag\", \"p\", [], false]\n"
             "[\"Quirks\", true]\n");
   // Without the constructor nothing switches the tokenizer to RCDATA.
-  EXPECT_EQ(Tool("html-tokens " + page).out,
+  EXPECT_EQ(RunTool("html-tokens " + page).out,
             "[\"StartTag\", \"title\", [], false]\n"
             "[\"StartTag\", \"b\", [], false]\n"
             "[\"Character\", \"&amp;\"]\n"
@@ -79,19 +59,20 @@ TEST_F(ToolTest, HtmlTokensConstructorSwitchesStatesAndReportsQuirks) {
 
 TEST_F(ToolTest, HtmlTokensStartStateAndLastStartTag) {
   const std::string page = Page("a</x></style>b");
-  EXPECT_EQ(Tool("html-tokens --state rawtext --last-start-tag STYLE " + page).out,
+  EXPECT_EQ(RunTool("html-tokens --state rawtext --last-start-tag STYLE " + page).out,
             "[\"Character\", \"a</x>\"]\n"
             "[\"EndTag\", \"style\", []]\n"
             "[\"Character\", \"b\"]\n");
-  EXPECT_EQ(Tool("html-tokens --state plaintext < " + page).out,
+  EXPECT_EQ(RunTool("html-tokens --state plaintext < " + page).out,
             "[\"Character\", \"a</x></style>b\"]\n");
 }
 
 TEST_F(ToolTest, MetaAndIdentifiers) {
-  EXPECT_EQ(Tool("meta " + Page("<meta content='text/html' http-equiv=CONTENT-type>")).out, "1\n");
-  EXPECT_EQ(Tool("meta " + Page("<meta http-equiv=content-type content=TEXT/HTML>")).out, "0\n");
-  EXPECT_EQ(Tool("id --number -1").out, "{FFFFFFFF-2D31-366A-A19D-A29DA39EA29C}\n");
-  EXPECT_EQ(Tool("id --content " + Page("<html></html>")).out,
+  EXPECT_EQ(RunTool("meta " + Page("<meta content='text/html' http-equiv=CONTENT-type>")).out,
+            "1\n");
+  EXPECT_EQ(RunTool("meta " + Page("<meta http-equiv=content-type content=TEXT/HTML>")).out, "0\n");
+  EXPECT_EQ(RunTool("id --number -1").out, "{FFFFFFFF-2D31-366A-A19D-A29DA39EA29C}\n");
+  EXPECT_EQ(RunTool("id --content " + Page("<html></html>")).out,
             "{1B1E094F-729E-9DA3-9EA1-9AA49DA9A3A9}\n");
 }
 
@@ -100,7 +81,7 @@ TEST_F(ToolTest, BadUsageExitsWithStatusTwoAndOneLine) {
        {"html-tokens --bogus", "html-tokens --state nowhere", "html-tokens /nonexistent/page",
         "meta /nonexistent/page", "id --number 4294967296", "id --number 12x", "id", "id --content",
         "no-such-command", "html-tokens a b", "meta --x", ""}) {
-    const ToolRun run = Tool(args, true);
+    const ToolRun run = RunTool(args, ToolErrors::kMerged);
     EXPECT_EQ(run.status, 2) << args;
     ASSERT_FALSE(run.out.empty()) << args;
     if (!args.empty()) {
@@ -108,7 +89,7 @@ TEST_F(ToolTest, BadUsageExitsWithStatusTwoAndOneLine) {
     }
   }
   // A folder cannot be read as a page.
-  EXPECT_EQ(Tool("html-tokens " + dir_.path().string(), true).status, 2);
+  EXPECT_EQ(RunTool("html-tokens " + dir_.path().string(), ToolErrors::kMerged).status, 2);
 }
 
 }  // namespace

@@ -88,9 +88,17 @@ struct ZP_EXPORT HtmlTextToken {
 // One attribute of a tag, in a doubly linked list in source order. Repeated
 // names are all kept.
 struct ZP_EXPORT HtmlAttribute {
+  // How the value was written, so that a tag can be written back as it was.
+  enum Quoting : std::uint32_t {
+    kNoValue = 0,  // a bare name (`disabled`), or a name and "=" with no value
+    kDoubleQuoted = 1,
+    kSingleQuoted = 2,
+    kUnquoted = 3,
+  };
   HtmlString name;
   HtmlString value;
   std::uint32_t flag = 0;  // Always 0; kept for layout compatibility.
+  Quoting quoting = kNoValue;
   HtmlAttribute* previous = nullptr;
   HtmlAttribute* next = nullptr;
 };
@@ -113,6 +121,8 @@ class ZP_EXPORT HtmlTagToken {
   HtmlAttribute* LastAttribute() const { return last_attribute_; }
   // The first attribute whose name equals `name` ASCII case-insensitively.
   HtmlAttribute* FindAttribute(const char* name) const;
+  // The last such attribute (where a later repetition is the one that counts).
+  HtmlAttribute* FindLastAttribute(const char* name) const;
 
   std::uint32_t kind = kStartTag;
   HtmlString name;

@@ -71,7 +71,9 @@ class ZP_EXPORT CZelvarCssServer {
 
   // The identifier of the output: IdFromNumber of its collate hash. Unless in
   // filter mode, writes cache/css/<id> and cache/css/<id>.g when the sheet is
-  // not stored yet. Write failures are silent; the identifier is returned.
+  // not stored yet; when a file of that name holds other bytes (the 32-bit
+  // hash collides), the next candidate id is used instead. "" when the
+  // sheet could not be stored.
   std::string GetMinifiedId();
 
   // A new buffer owned by the caller with the sheet stored under `id` (in

@@ -40,6 +40,17 @@ struct CZelvarImageEntry {
   double sizeY;
 };
 
+// Where a routed image landed once its set's sheet is stored: the sheet's
+// kind (CZelvarImageServer::SheetKind), the size the image is drawn at (its
+// declared size when one was given, else its decoded size), and its index
+// entry.
+struct CZelvarImagePlacement {
+  std::int32_t sheetKind;
+  std::int32_t width;
+  std::int32_t height;
+  CZelvarImageEntry entry;
+};
+
 // One stored sheet: its encoded bytes and one entry per source image, in the
 // order of its index file.
 class ZP_EXPORT CZelvarImages {
@@ -99,8 +110,12 @@ class ZP_EXPORT CZelvarImageServer {
   // than its sources together. Asking again returns the first answer.
   std::string BuildSheet(SheetKind kind);
 
-  // The key and percentages of a routed image once its set is built.
+  // The key and percentages of a routed image once its set's sheet is built
+  // and stored; false when the sheet was not made (too large, not encoded,
+  // or not smaller than its sources).
   bool GetImageEntry(std::int32_t handle, CZelvarImageEntry& entry) const;
+  // The same, with the sheet kind and drawn size a placeholder needs.
+  bool GetImagePlacement(std::int32_t handle, CZelvarImagePlacement& placement) const;
 
   // A new CZelvarImages with the sheet stored under `id` in cache/gif
   // (GetGifId), cache/jpg (GetJpgId, GetPng24Id) or cache/png (GetPng32Id),

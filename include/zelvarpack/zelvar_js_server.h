@@ -29,8 +29,10 @@ class ZP_EXPORT CZelvarJSServer {
   // The scripts to combine; owned by the server.
   CZelvarBuffer* GetContent() { return &content_; }
 
-  // The identifier of the current content. Writes the script and its gzip
-  // form when no script is stored under that identifier yet.
+  // The identifier the current content is stored under: its content id, or
+  // when a file of that name holds other bytes (the 32-bit hash collides),
+  // the next candidate. Writes the script and its gzip form when they are
+  // not stored yet; "" when nothing could be stored.
   std::string Store();
 
   // A new buffer with the script stored under `id`, owned by the caller, or

@@ -17,7 +17,8 @@ The DOM is built from the sheet's own selectors: an element for every class,
 id and type it names (escapes undone), nested in one another so that
 descendant combinators and pseudo-classes of structure find something.
 
-Usage: css_compare.py --tool PATH [--chromium PATH] [SHEET ...]
+The browser is the test harness's headless Chromium (chromium.py beside this
+file). Usage: css_compare.py --tool PATH [--chromium PATH] [SHEET ...]
 Without sheets, the corpus below. Exits 0 when every sheet computes the same
 (sheets of the corpus that are not installed are skipped and named), 1 on a
 difference, 2 when the browser cannot run.
@@ -30,6 +31,8 @@ import re
 import subprocess
 import sys
 import tempfile
+
+from chromium import Browser, BrowserError
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 SOURCE = os.path.dirname(os.path.dirname(HERE))
@@ -88,88 +91,14 @@ COLLECT = r"""
 """.replace("PSEUDOS", json.dumps(PSEUDOS))
 
 
-class Chromium:
-    """Headless Chromium driven over --remote-debugging-pipe (CDP messages,
-    NUL-terminated JSON, commands on fd 3 and replies on fd 4)."""
-
-    def __init__(self, binary, profile):
-        to_browser_r, self._to_browser = os.pipe()
-        self._from_browser, from_browser_w = os.pipe()
-
-        def child_fds():
-            # Copies first: either end may itself be 3 or 4.
-            reader, writer = os.dup(to_browser_r), os.dup(from_browser_w)
-            os.dup2(reader, 3)
-            os.dup2(writer, 4)
-            os.set_inheritable(3, True)
-            os.set_inheritable(4, True)
-
-        self._process = subprocess.Popen(
-            [binary, "--headless=new", "--remote-debugging-pipe", "--no-sandbox",
-             "--disable-gpu", "--no-first-run", "--no-default-browser-check",
-             "--allow-file-access-from-files", "--user-data-dir=" + profile, "about:blank"],
-            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-            # The pipe ends are not inheritable; the copies on 3 and 4 are.
-            preexec_fn=child_fds, close_fds=False)
-        os.close(to_browser_r)
-        os.close(from_browser_w)
-        self._buffer = b""
-        self._next_id = 0
-        target = self.call("Target.createTarget", {"url": "about:blank"})["targetId"]
-        self._session = self.call("Target.attachToTarget",
-                                  {"targetId": target, "flatten": True})["sessionId"]
-        self.call("Page.enable", session=True)
-
-    def _read_message(self):
-        while b"\0" not in self._buffer:
-            chunk = os.read(self._from_browser, 1 << 20)
-            if not chunk:
-                raise RuntimeError("the browser closed its pipe")
-            self._buffer += chunk
-        message, self._buffer = self._buffer.split(b"\0", 1)
-        return json.loads(message)
-
-    def call(self, method, params=None, session=False, until_event=None):
-        self._next_id += 1
-        message = {"id": self._next_id, "method": method, "params": params or {}}
-        if session:
-            message["sessionId"] = self._session
-        os.write(self._to_browser, json.dumps(message).encode() + b"\0")
-        result = None
-        event_seen = until_event is None
-        while result is None or not event_seen:
-            reply = self._read_message()
-            if reply.get("id") == self._next_id:
-                if "error" in reply:
-                    raise RuntimeError(method + ": " + json.dumps(reply["error"]))
-                result = reply["result"]
-            elif until_event is not None and reply.get("method") == until_event:
-                event_seen = True
-        return result
-
-    def collect(self, url, detail=()):
-        self.call("Page.navigate", {"url": url}, session=True, until_event="Page.loadEventFired")
-        expression = COLLECT.replace("DETAIL", json.dumps(list(detail)))
-        reply = self.call("Runtime.evaluate",
-                          {"expression": expression, "awaitPromise": True,
-                           "returnByValue": True},
-                          session=True)
-        if "exceptionDetails" in reply:
-            raise RuntimeError(json.dumps(reply["exceptionDetails"])[:2000])
-        return json.loads(reply["result"]["value"])
-
-    def close(self):
-        try:
-            self.call("Browser.close")
-        except (RuntimeError, OSError):
-            pass
-        try:
-            self._process.wait(timeout=10)
-        except subprocess.TimeoutExpired:
-            self._process.kill()
-            self._process.wait()
-        os.close(self._to_browser)
-        os.close(self._from_browser)
+def collect(browser, url, detail=()):
+    """Loads `url` in a fresh browser context and gathers what COLLECT does."""
+    page = browser.load(url, width=1280, height=800, timeout=120.0, idle_seconds=0.2)
+    try:
+        return json.loads(page.evaluate(COLLECT.replace("DETAIL", json.dumps(list(detail))),
+                                        timeout=600.0))
+    finally:
+        page.close()
 
 
 def unescape(name):
@@ -241,11 +170,11 @@ def compare(browser, tool, path, work):
         with open(html, "w", encoding="utf-8") as f:
             f.write(page(name, dom))
         pages.append("file://" + html)
-    before, after = (browser.collect(url) for url in pages)
+    before, after = (collect(browser, url) for url in pages)
     differing = [i for i, (a, b) in enumerate(zip(before["styles"], after["styles"])) if a != b]
     if differing:
         # The values themselves, for the first few that differ.
-        before["styles"], after["styles"] = (browser.collect(url, differing[:3])["styles"]
+        before["styles"], after["styles"] = (collect(browser, url, differing[:3])["styles"]
                                              for url in pages)
     problems = []
     # Chromium keeps an @supports condition as written, spaces and all.
@@ -283,15 +212,15 @@ def compare(browser, tool, path, work):
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--tool", required=True)
-    parser.add_argument("--chromium", default="chromium")
+    parser.add_argument("--chromium", default=None)
     parser.add_argument("sheets", nargs="*")
     args = parser.parse_args()
     sheets = args.sheets or [p for p in CORPUS if os.path.exists(p)]
     missing = [p for p in CORPUS if not args.sheets and not os.path.exists(p)]
     with tempfile.TemporaryDirectory() as work:
         try:
-            browser = Chromium(args.chromium, os.path.join(work, "profile"))
-        except (OSError, RuntimeError) as error:
+            browser = Browser(args.chromium)
+        except (OSError, BrowserError) as error:
             print("cannot start the browser: %s" % error)
             return 2
         failed = 0

@@ -1,4 +1,4 @@
-#include "image/codec_samples.h"
+#include "tests/codec_samples.h"
 
 #include <gif_lib.h>
 #include <png.h>

@@ -1,7 +1,7 @@
 // Images the image tests make for themselves with the codec libraries, and
 // the real icons of Debian's apache2-data package.
-#ifndef ZELVARPACK_IMAGE_CODEC_SAMPLES_H_
-#define ZELVARPACK_IMAGE_CODEC_SAMPLES_H_
+#ifndef ZELVARPACK_TESTS_CODEC_SAMPLES_H_
+#define ZELVARPACK_TESTS_CODEC_SAMPLES_H_
 
 #include <cstdint>
 #include <string>
@@ -36,4 +36,4 @@ const std::uint8_t* Bytes(const std::string& text);
 
 }  // namespace zelvarpack::image::samples
 
-#endif  // ZELVARPACK_IMAGE_CODEC_SAMPLES_H_
+#endif  // ZELVARPACK_TESTS_CODEC_SAMPLES_H_

@@ -1,0 +1,141 @@
+#include "page/fetch_pool.h"
+
+#include <new>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "zelvarpack/zelvar_utils.h"
+
+namespace zelvarpack::page {
+
+struct FetchPool::Shared {
+  explicit Shared(FetchSettings s) : settings(std::move(s)) {}
+
+  const FetchSettings settings;
+  std::mutex mutex;
+  std::condition_variable changed;
+  // Guarded by `mutex`.
+  std::deque<std::shared_ptr<FetchJob>> queue;
+  int running = 0;     // download threads alive
+  int unfinished = 0;  // jobs started and not yet finished (queued or running)
+  bool abandoned = false;
+};
+
+namespace {
+
+const char* OrNull(const std::optional<std::string>& text) {
+  return text ? text->c_str() : nullptr;
+}
+
+void Download(const FetchSettings& settings, FetchJob& job) {
+  try {
+    CZelvarUtils utils;
+    std::string cacheDirectory = settings.cacheDirectory;
+    std::string publicUrl = job.publicUrl;
+    std::string fetchUrl = job.fetchUrl;
+    job.body.reset(utils.DownloadUrl(
+        cacheDirectory.empty() ? nullptr : cacheDirectory.data(), OrNull(settings.acceptCharset),
+        OrNull(settings.acceptLanguage), OrNull(settings.referer), OrNull(settings.forwardedFor),
+        OrNull(settings.reservedA), OrNull(settings.reservedB), OrNull(settings.userAgent),
+        reinterpret_cast<unsigned char*>(publicUrl.data()),
+        reinterpret_cast<unsigned char*>(fetchUrl.data()), job.bytesSent, job.bytesReceived,
+        job.bytesUncompressed, job.cacheable, settings.timeoutSeconds));
+  } catch (const std::bad_alloc&) {
+    job.body.reset();  // out of memory: this resource stays as it was
+  }
+}
+
+}  // namespace
+
+FetchPool::FetchPool(FetchSettings settings)
+    : shared_(std::make_shared<Shared>(std::move(settings))) {}
+
+FetchPool::~FetchPool() {
+  Abandon();
+  if (!joined_) {
+    const std::int32_t seconds = shared_->settings.waitSeconds;
+    Join(std::chrono::steady_clock::now() + std::chrono::seconds(seconds > 0 ? seconds : 0));
+  }
+}
+
+std::shared_ptr<FetchJob> FetchPool::Start(std::string publicUrl, std::string fetchUrl) {
+  auto job = std::make_shared<FetchJob>();
+  job->publicUrl = std::move(publicUrl);
+  job->fetchUrl = std::move(fetchUrl);
+  bool needThread = false;
+  {
+    std::lock_guard<std::mutex> lock(shared_->mutex);
+    if (shared_->abandoned) {
+      job->finished = true;
+      return job;
+    }
+    shared_->queue.push_back(job);
+    ++shared_->unfinished;
+    needThread = shared_->running < kMaxRunning;
+    if (needThread) ++shared_->running;
+  }
+  if (needThread) StartThread();
+  return job;
+}
+
+void FetchPool::StartThread() {
+  try {
+    std::thread(RunDownloads, shared_).detach();
+  } catch (const std::system_error&) {
+    // No thread to be had: the queued jobs wait for a running thread, or,
+    // when none runs, end unfetched so that nobody waits for them.
+    std::lock_guard<std::mutex> lock(shared_->mutex);
+    if (--shared_->running == 0) {
+      for (const std::shared_ptr<FetchJob>& job : shared_->queue) job->finished = true;
+      shared_->unfinished -= static_cast<int>(shared_->queue.size());
+      shared_->queue.clear();
+      shared_->changed.notify_all();
+    }
+  }
+}
+
+void FetchPool::RunDownloads(std::shared_ptr<Shared> shared) {
+  std::unique_lock<std::mutex> lock(shared->mutex);
+  while (!shared->queue.empty() && !shared->abandoned) {
+    std::shared_ptr<FetchJob> job = std::move(shared->queue.front());
+    shared->queue.pop_front();
+    lock.unlock();
+    Download(shared->settings, *job);
+    lock.lock();
+    job->finished = true;
+    job->done = !shared->abandoned;
+    --shared->unfinished;
+    shared->changed.notify_all();
+  }
+  --shared->running;
+  shared->changed.notify_all();
+}
+
+void FetchPool::WaitUntilFinished(std::chrono::steady_clock::time_point deadline) {
+  std::unique_lock<std::mutex> lock(shared_->mutex);
+  shared_->changed.wait_until(lock, deadline, [this] { return shared_->unfinished == 0; });
+}
+
+void FetchPool::Abandon() {
+  std::lock_guard<std::mutex> lock(shared_->mutex);
+  if (shared_->abandoned) return;
+  shared_->abandoned = true;
+  for (const std::shared_ptr<FetchJob>& job : shared_->queue) job->finished = true;
+  shared_->unfinished -= static_cast<int>(shared_->queue.size());
+  shared_->queue.clear();
+  shared_->changed.notify_all();
+}
+
+void FetchPool::Join(std::chrono::steady_clock::time_point deadline) {
+  joined_ = true;
+  std::unique_lock<std::mutex> lock(shared_->mutex);
+  shared_->changed.wait_until(lock, deadline, [this] { return shared_->running == 0; });
+}
+
+bool FetchPool::IsDone(const FetchJob& job) const {
+  std::lock_guard<std::mutex> lock(shared_->mutex);
+  return job.done;
+}
+
+}  // namespace zelvarpack::page

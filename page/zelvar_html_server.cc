@@ -1,0 +1,420 @@
+#include "zelvarpack/zelvar_html_server.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <string_view>
+#include <vector>
+
+#include "core/file_lock.h"
+#include "core/identifiers.h"
+#include "core/sha256.h"
+#include "page/page_analysis.h"
+#include "page/page_state.h"
+#include "page/page_writer.h"
+#include "page/script_scanner.h"
+#include "page/script_text.h"
+#include "page/warm_memo.h"
+#include "zelvarpack/zelvar_utils.h"
+
+using zelvarpack::page::PageSegment;
+using zelvarpack::page::PageState;
+using zelvarpack::page::SegmentKind;
+
+namespace {
+
+std::string Copy(const unsigned char* bytes, std::int32_t length) {
+  if (bytes == nullptr || length <= 0) return {};
+  return std::string(reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(length));
+}
+
+std::optional<std::string> CopyOrAbsent(const char* text) {
+  if (text == nullptr) return std::nullopt;
+  return std::string(text);
+}
+
+// A stylesheet that imports others cannot join a group: an @import after
+// other rules is ignored by browsers. Found conservatively, in comments too.
+bool HoldsImportRule(const CZelvarBuffer& body) {
+  static constexpr char kImport[] = "@import";
+  const auto* bytes = reinterpret_cast<const char*>(const_cast<CZelvarBuffer&>(body).GetValue());
+  const std::size_t length = static_cast<std::size_t>(body.GetValueLength());
+  for (std::size_t i = 0; i + 7 <= length; ++i) {
+    if (bytes[i] != '@') continue;
+    std::size_t j = 1;
+    while (j < 7 && (bytes[i + j] | 0x20) == kImport[j]) ++j;
+    if (j == 7) return true;
+  }
+  return false;
+}
+
+std::string_view BodyText(CZelvarBuffer& body) {
+  return {reinterpret_cast<const char*>(body.GetValue()),
+          static_cast<std::size_t>(body.GetValueLength())};
+}
+
+void AppendTo(CZelvarBuffer& buffer, std::string_view text) {
+  buffer.Append(reinterpret_cast<const unsigned char*>(text.data()),
+                static_cast<std::int32_t>(text.size()));
+}
+
+std::int32_t SizeOf(CZelvarBuffer* buffer) {
+  if (buffer == nullptr) return 0;
+  const std::int32_t size = buffer->GetValueLength();
+  delete buffer;
+  return size;
+}
+
+// A stylesheet group's identifier: from the warm memo when the same inputs
+// were minified before and the sheet is still stored, else by minifying.
+std::string CombineStyles(PageState& page, CZelvarCssServer& server, bool used,
+                          const std::string& digest) {
+  if (!used) return {};
+  zelvarpack::page::WarmMemo& memo = zelvarpack::page::WarmMemo::Shared();
+  if (std::optional<std::string> id = memo.FindStyles(digest)) {
+    if (id->empty()) return {};
+    if (zelvarpack::PathExists((page.cacheDirectory + "/css/" + *id).c_str())) return *id;
+  }
+  server.DoWork();
+  std::string id;
+  if (server.GetOutput()->GetValueLength() > 0) id = server.GetMinifiedId();
+  memo.RememberStyles(digest, id);
+  return id;
+}
+
+std::string SheetFolder(int kind) {
+  static constexpr const char* kFolders[] = {"/gif/", "/jpg/", "/jpg/", "/png/"};
+  return kFolders[kind];
+}
+
+// Builds the sprite sheets of the page's images (or takes them from the warm
+// memo without decoding anything) and marks where each image landed.
+// Returns whether any image was placed; counts the placed ones as requests
+// and bytes of the page before.
+bool PlaceImages(PageState& page, const std::vector<PageSegment*>& images,
+                 const std::string& digest) {
+  zelvarpack::page::WarmMemo& memo = zelvarpack::page::WarmMemo::Shared();
+  std::optional<zelvarpack::page::SpriteResult> result = memo.FindSprites(digest);
+  if (result) {
+    for (int kind = 0; kind < zelvarpack::page::kSheetKinds; ++kind) {
+      const std::string& id = result->sheetIds[static_cast<std::size_t>(kind)];
+      if (!id.empty() &&
+          !zelvarpack::PathExists((page.cacheDirectory + SheetFolder(kind) + id).c_str())) {
+        result.reset();
+        break;
+      }
+    }
+  }
+  if (!result) {
+    result.emplace();
+    std::vector<std::int32_t> handles;
+    for (PageSegment* segment : images) {
+      CZelvarBuffer& body = *segment->fetch->body;
+      handles.push_back(page.images->AddImage(body.GetValue(), body.GetValueLength(),
+                                              segment->declaredWidth.c_str(),
+                                              segment->declaredHeight.c_str(), "0", "0", "0", "0"));
+    }
+    for (std::int32_t handle : handles) page.images->RouteImage(handle);
+    for (int kind = 0; kind < zelvarpack::page::kSheetKinds; ++kind) {
+      result->sheetIds[static_cast<std::size_t>(kind)] =
+          page.images->BuildSheet(static_cast<CZelvarImageServer::SheetKind>(kind));
+    }
+    for (std::int32_t handle : handles) {
+      CZelvarImagePlacement placement{};
+      if (page.images->GetImagePlacement(handle, placement)) {
+        result->placements.emplace_back(placement);
+      } else {
+        result->placements.emplace_back();
+      }
+    }
+    memo.RememberSprites(digest, *result);
+  }
+  page.sheetIds = result->sheetIds;
+  bool anyPlaced = false;
+  for (std::size_t i = 0; i < images.size() && i < result->placements.size(); ++i) {
+    if (!result->placements[i]) continue;
+    PageSegment& segment = *images[i];
+    segment.placed = true;
+    segment.placement = *result->placements[i];
+    anyPlaced = true;
+    page.bytesBeforeGzip += segment.fetch->bytesReceived;
+    page.bytesBeforeRaw += segment.fetch->bytesUncompressed;
+    ++page.requestsBefore;
+  }
+  return anyPlaced;
+}
+
+}  // namespace
+
+CZelvarHtmlServer::CZelvarHtmlServer(char* cacheDirectory, std::int32_t optimise,
+                                     bool fetchForeignHosts, bool keepComments, bool useOwnHost,
+                                     std::int32_t timeoutSeconds, char* handlerPath,
+                                     void* callerContext, unsigned char* clientAddress,
+                                     std::int32_t clientAddressLength, unsigned char* serverAddress,
+                                     std::int32_t serverAddressLength, unsigned char* pageUrl,
+                                     std::int32_t pageUrlLength, const char* forwardA,
+                                     const char* forwardB, const char* forwardC,
+                                     const char* forwardD, const char* userAgent)
+    : state_(std::make_unique<PageState>()) {
+  PageState& page = *state_;
+  page.cacheDirectory = cacheDirectory != nullptr ? cacheDirectory : "";
+  page.optimise = optimise != 0;
+  page.cssOn = page.imagesOn = page.scriptsOn = page.optimise;
+  page.fetchForeignHosts = fetchForeignHosts;
+  page.keepComments = keepComments;
+  page.useOwnHost = useOwnHost;
+  page.timeoutSeconds = timeoutSeconds;
+  if (handlerPath != nullptr && handlerPath[0] != '\0') page.handlerPath = handlerPath;
+  page.callerContext = callerContext;
+  // The client's address goes into X-Forwarded-For; an IPv6 address is
+  // written in brackets.
+  page.clientAddress = Copy(clientAddress, clientAddressLength);
+  if (page.clientAddress.find(':') != std::string::npos) {
+    page.clientAddress = "[" + page.clientAddress + "]";
+  }
+  // The server address is a host for URLs: only an IPv6 literal (two or
+  // more colons) needs brackets; "host:port" stays as it is.
+  if (serverAddress != nullptr && serverAddressLength > 0) {
+    std::string server = Copy(serverAddress, serverAddressLength);
+    const std::size_t colons =
+        static_cast<std::size_t>(std::count(server.begin(), server.end(), ':'));
+    const bool hasScheme = server.find("://") != std::string::npos;
+    if (!hasScheme && colons >= 2 && server.front() != '[') server = "[" + server + "]";
+    page.serverAddress = std::move(server);
+  }
+  page.pageUrl = Copy(pageUrl, pageUrlLength);
+  page.pageAddress = zelvarpack::page::ParsePageAddress(page.pageUrl);
+  page.userAgent = userAgent;
+
+  char* cache = page.cacheDirectory.data();
+  page.linkedStyles = std::make_unique<CZelvarCssServer>(cache);
+  page.inlineStyles = std::make_unique<CZelvarCssServer>(cache);
+  page.images = std::make_unique<CZelvarImageServer>(cache);
+  page.fetchedScripts = std::make_unique<CZelvarJSServer>(cache);
+  page.inlineScripts = std::make_unique<CZelvarJSServer>(cache);
+
+  zelvarpack::page::FetchSettings settings;
+  settings.cacheDirectory = page.cacheDirectory;
+  settings.acceptCharset = CopyOrAbsent(forwardA);
+  settings.acceptLanguage = CopyOrAbsent(forwardB);
+  settings.referer = page.pageUrl;
+  if (clientAddress != nullptr) settings.forwardedFor = page.clientAddress;
+  settings.reservedA = CopyOrAbsent(forwardC);
+  settings.reservedB = CopyOrAbsent(forwardD);
+  settings.userAgent = CopyOrAbsent(userAgent);
+  // A download never runs without a limit: without waiting, one that is
+  // left behind still ends within a minute.
+  settings.timeoutSeconds = timeoutSeconds > 0 ? timeoutSeconds : 60;
+  settings.waitSeconds = timeoutSeconds > 0 ? timeoutSeconds : 0;
+  page.fetches = std::make_unique<zelvarpack::page::FetchPool>(std::move(settings));
+
+  page.constructor = std::make_unique<CHtmlConstructor>(this);
+  page.AddSegment(SegmentKind::kText);
+}
+
+CZelvarHtmlServer::~CZelvarHtmlServer() = default;
+
+const PageState& zelvarpack::page::StateOf(const CZelvarHtmlServer& server) {
+  return *server.state_;
+}
+
+void CZelvarHtmlServer::AddWork(unsigned char* data, std::int32_t length) {
+  if (data == nullptr || length <= 0) return;
+  state_->input.Append(data, length);
+}
+
+void CZelvarHtmlServer::DoWork() {
+  PageState& page = *state_;
+  if (page.worked) return;
+  page.worked = true;
+
+  // 1. Tokenize a copy: the tokenizer turns CRs into LFs in place, and a page
+  // that is returned unchanged must keep its own bytes.
+  {
+    std::string work(reinterpret_cast<const char*>(page.input.GetValue()),
+                     static_cast<std::size_t>(page.input.GetValueLength()));
+    page.constructor->Tokenizer()->Tokenize(reinterpret_cast<unsigned char*>(work.data()),
+                                            static_cast<int>(work.size()));
+  }
+  zelvarpack::page::FinishAnalysis(page);
+  ++page.requestsBefore;
+
+  // 2-3. Wait for the downloads (woken by the last one), then stop waiting.
+  const auto timeout = std::chrono::seconds(page.timeoutSeconds > 0 ? page.timeoutSeconds : 0);
+  if (page.timeoutSeconds > 0) {
+    page.fetches->WaitUntilFinished(std::chrono::steady_clock::now() + timeout);
+  }
+  page.fetches->Abandon();
+  for (PageSegment& segment : page.segments) {
+    if (segment.fetch) {
+      segment.done = page.fetches->IsDone(*segment.fetch) && segment.fetch->body &&
+                     segment.fetch->body->GetValueLength() > 0;
+    }
+  }
+  if (!page.hasHeadStart || !page.hasHeadEnd) {
+    page.output.Append(page.input.GetValue(), page.input.GetValueLength());
+    return;
+  }
+
+  // 4. Collect what arrived into the groups.
+  zelvarpack::Sha256 linkedDigest;
+  linkedDigest.UpdatePiece(page.cacheDirectory);
+  zelvarpack::Sha256 imageDigest;
+  imageDigest.UpdatePiece(page.cacheDirectory);
+  std::vector<PageSegment*> images;
+  for (PageSegment& segment : page.segments) {
+    if (!segment.done) continue;
+    zelvarpack::page::FetchJob& job = *segment.fetch;
+    CZelvarBuffer& body = *job.body;
+    switch (segment.kind) {
+      case SegmentKind::kStylesheet: {
+        if (HoldsImportRule(body)) break;
+        page.linkedStyles->AddWork(job.publicUrl.data(), body.GetValue(), body.GetValueLength());
+        linkedDigest.UpdatePiece(job.publicUrl);
+        linkedDigest.UpdatePiece(BodyText(body));
+        page.linkedStylesUsed = true;
+        segment.combined = true;
+        page.bytesBeforeGzip += job.bytesReceived;
+        page.bytesBeforeRaw += job.bytesUncompressed;
+        ++page.requestsBefore;
+        break;
+      }
+      case SegmentKind::kScript: {
+        if (!zelvarpack::page::IsSafeForEval(BodyText(body))) break;
+        segment.scriptNumber = ++page.scriptNumber;
+        segment.combined = true;
+        std::string literal = zelvarpack::page::ScriptVariableOpening(segment.scriptNumber);
+        zelvarpack::page::AppendEscapedScript(literal, BodyText(body));
+        literal += zelvarpack::page::kScriptVariableClosing;
+        AppendTo(*page.fetchedScripts->GetContent(), literal);
+        page.bytesBeforeGzip += job.bytesReceived;
+        page.bytesBeforeRaw += job.bytesUncompressed;
+        ++page.requestsBefore;
+        break;
+      }
+      case SegmentKind::kImage:
+        images.push_back(&segment);
+        imageDigest.UpdatePiece(BodyText(body));
+        imageDigest.UpdatePiece(segment.declaredWidth);
+        imageDigest.UpdatePiece(segment.declaredHeight);
+        break;
+      default:
+        break;
+    }
+  }
+
+  // 5. Images: sprite sheets and each image's place in them.
+  if (!images.empty() && PlaceImages(page, images, imageDigest.FinishHex())) {
+    AppendTo(*page.fetchedScripts->GetContent(), zelvarpack::page::kLazyImageScript);
+  }
+
+  // 6. Combine and store.
+  page.linkedStylesId =
+      CombineStyles(page, *page.linkedStyles, page.linkedStylesUsed, linkedDigest.FinishHex());
+  page.inlineStylesDigest.UpdatePiece(page.cacheDirectory);
+  page.inlineStylesId = CombineStyles(page, *page.inlineStyles, page.inlineStylesUsed,
+                                      page.inlineStylesDigest.FinishHex());
+  ++page.requestsAfter;
+  for (const std::string& id : page.sheetIds) {
+    if (!id.empty()) ++page.requestsAfter;
+  }
+  if (page.fetchedScripts->GetContent()->GetValueLength() > 0) {
+    page.fetchedScriptsId = page.fetchedScripts->Store();
+  }
+  if (page.inlineScripts->GetContent()->GetValueLength() > 0) {
+    page.inlineScriptsId = page.inlineScripts->Store();
+  }
+
+  // 7. Write the new page.
+  std::string out;
+  out.reserve(static_cast<std::size_t>(page.input.GetValueLength()) + 4096);
+  zelvarpack::page::WritePage(page, out);
+  AppendTo(page.output, out);
+  page.segments.clear();
+  page.text = nullptr;
+
+  // 8. Give downloads still running one more time-out to end.
+  page.fetches->Join(std::chrono::steady_clock::now() + timeout);
+}
+
+CZelvarBuffer* CZelvarHtmlServer::GetRawZelvarBuffer(bool& gzip) {
+  PageState& page = *state_;
+  if (!gzip) return &page.output;
+  if (!page.gzipTried) {
+    page.gzipTried = true;
+    page.gzipped.reset(CZelvarUtils::CompressBuffer(page.output.GetValue(),
+                                                    page.output.GetValueLength(), false, true));
+  }
+  if (!page.gzipped || page.gzipped->GetValueLength() >= page.output.GetValueLength()) {
+    gzip = false;
+    return &page.output;
+  }
+  page.wasGzip = true;
+  return page.gzipped.get();
+}
+
+bool CZelvarHtmlServer::GetRawZelvarBufferWasGzip() const { return state_->wasGzip; }
+
+std::string CZelvarHtmlServer::GetId() {
+  return IdFromNumber(CollateHash(state_->output.GetValue(),
+                                  static_cast<std::size_t>(state_->output.GetValueLength())));
+}
+
+std::int32_t CZelvarHtmlServer::GetBytesBefore(bool gzip) const {
+  return gzip ? state_->bytesBeforeGzip : state_->bytesBeforeRaw;
+}
+
+std::int32_t CZelvarHtmlServer::GetBytesAfter(std::int32_t pageBytes, bool gzip) {
+  PageState& page = *state_;
+  std::uint32_t total = static_cast<std::uint32_t>(pageBytes);
+  auto add = [&total](CZelvarBuffer* result) {
+    total += static_cast<std::uint32_t>(SizeOf(result));
+  };
+  bool flag = gzip;
+  if (page.linkedStylesUsed && !page.linkedStylesId.empty()) {
+    flag = gzip;
+    add(page.linkedStyles->GetMinifiedId(page.linkedStylesId, flag));
+  }
+  if (page.inlineStylesUsed && !page.inlineStylesId.empty()) {
+    flag = gzip;
+    add(page.inlineStyles->GetMinifiedId(page.inlineStylesId, flag));
+  }
+  if (!page.fetchedScriptsId.empty()) {
+    flag = gzip;
+    add(page.fetchedScripts->GetRawId(page.fetchedScriptsId, flag));
+  }
+  if (!page.inlineScriptsId.empty()) {
+    flag = gzip;
+    add(page.inlineScripts->GetRawId(page.inlineScriptsId, flag));
+  }
+  auto sheetSize = [](CZelvarImages* images) -> std::uint32_t {
+    if (images == nullptr) return 0;
+    bool unused = false;
+    const auto size =
+        static_cast<std::uint32_t>(images->GetRawImageZelvarBuffer(unused)->GetValueLength());
+    delete images;
+    return size;
+  };
+  if (!page.sheetIds[0].empty()) total += sheetSize(page.images->GetGifId(page.sheetIds[0]));
+  if (!page.sheetIds[1].empty()) total += sheetSize(page.images->GetJpgId(page.sheetIds[1]));
+  if (!page.sheetIds[2].empty()) total += sheetSize(page.images->GetPng24Id(page.sheetIds[2]));
+  if (!page.sheetIds[3].empty()) total += sheetSize(page.images->GetPng32Id(page.sheetIds[3]));
+  total += static_cast<std::uint32_t>(gzip ? page.bytesAfterExtraGzip : page.bytesAfterExtraRaw);
+  return static_cast<std::int32_t>(total);
+}
+
+std::int32_t CZelvarHtmlServer::GetRequestsBefore() const { return state_->requestsBefore; }
+std::int32_t CZelvarHtmlServer::GetRequestsAfter() const { return state_->requestsAfter; }
+bool CZelvarHtmlServer::GetSendStats() const { return state_->sendStats; }
+
+void CZelvarHtmlServer::OnTag(HtmlTagToken* tag) {
+  if (tag != nullptr) zelvarpack::page::AnalyseTag(*state_, *tag);
+}
+
+void CZelvarHtmlServer::OnDoctype(HtmlDoctypeToken* doctype) {
+  if (doctype != nullptr) zelvarpack::page::AnalyseDoctype(*state_, *doctype);
+}
+
+void CZelvarHtmlServer::OnText(HtmlTextToken* text) {
+  if (text != nullptr) zelvarpack::page::AnalyseText(*state_, *text);
+}

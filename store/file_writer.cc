@@ -1,0 +1,489 @@
+#include "store/file_writer.h"
+
+#include <algorithm>
+#include <charconv>
+#include <system_error>
+
+#include "store/chunk_fingerprint.h"
+#include "store/read_back.h"
+
+namespace zelvarpack::store {
+
+namespace {
+
+// A fingerprint's bucket as the composite search compares it (x 100,
+// truncated toward zero).
+int BucketOf(double fingerprint) { return static_cast<int>(fingerprint * 100.0); }
+
+}  // namespace
+
+FileWriter::FileWriter(Session& session, const Dialect& d, const StoreOptions& options)
+    : db_(session.db()),
+      d_(d),
+      options_(options),
+      session_(session),
+      cache_(options.deferCompression ? options.cache : nullptr),
+      compressor_(cache_ != nullptr) {}
+
+FileWriter::~FileWriter() {
+  if (!published_) Publish(false);
+}
+
+void FileWriter::Publish(bool committed) {
+  published_ = true;
+  if (cache_ == nullptr) return;
+  for (const auto& [id, entry] : written_) {
+    if (committed && entry != nullptr) {
+      cache_->Put(id, entry);
+    } else {
+      cache_->Forget(id);
+    }
+  }
+  for (const auto& [id, entry] : pending_) cache_->Forget(id);
+}
+
+bool FileWriter::Run(const unsigned char* bytes, std::int32_t count, std::int32_t& fileId) {
+  const bool batched = options_.deferCompression && d_.appendChunks != nullptr;
+  // The appendChunks call takes the lock itself, before it reads anything.
+  if (!batched && d_.lockForWrite != nullptr && !db_.ExecuteDirect(d_.lockForWrite)) {
+    return false;
+  }
+  OdbcStatement* insert = session_.Prepared(d_.insertFile);
+  if (insert == nullptr) return false;
+  insert->SetInt32(1, count);
+  if (!insert->Execute() || !ReadIdentity(session_, d_, insert, fileId)) return false;
+  const auto total = static_cast<std::size_t>(count);
+  std::vector<double> fingerprints;
+  for (std::size_t offset = 0; offset < total; offset += kChunkBytes) {
+    fingerprints.push_back(ChunkFingerprint(bytes + offset, std::min(kChunkBytes, total - offset)));
+    ++remaining_[BucketOf(fingerprints.back())];
+  }
+  for (std::size_t i = 0; i < fingerprints.size(); ++i) {
+    if (batched) {
+      const std::size_t run = std::min(fingerprints.size() - i, ChunksPerCall());
+      if (!AppendChunks(fileId, bytes, total, fingerprints, i, run)) return false;
+      i += run - 1;
+      continue;
+    }
+    const std::size_t offset = i * kChunkBytes;
+    std::int32_t touched = 0;
+    if (!AddChunk(fileId, bytes + offset, std::min(kChunkBytes, total - offset), fingerprints[i],
+                  touched)) {
+      return false;
+    }
+    if (options_.deferCompression) CompressWhatIsFinished(BucketOf(fingerprints[i]), touched);
+  }
+  return WritePending();
+}
+
+std::shared_ptr<const CompositeCache::Entry> FileWriter::Known(std::int32_t id) {
+  if (auto found = written_.find(id); found != written_.end()) return found->second;
+  return cache_->Find(id);
+}
+
+bool FileWriter::Fetch(std::int32_t id, std::int32_t chunks, Bytes& data, bool compressed,
+                       bool haveData, Bytes& plain, std::shared_ptr<const GzipPrefix>& prefix,
+                       const CompositeCache::Entry* vouched) {
+  // An entry that can stand for the composite's row as the search saw it.
+  const auto take = [&](const CompositeCache::Entry* entry) {
+    if (entry == nullptr || entry->plain == nullptr || entry->prefix == nullptr ||
+        entry->chunks != chunks || entry->compressed != compressed) {
+      return false;
+    }
+    plain = *entry->plain;
+    prefix = entry->prefix;
+    return true;
+  };
+  if (take(vouched)) return true;
+  if (cache_ == nullptr) {
+    return haveData ? Unpack(data, compressed, plain) : ReadComposite(session_, d_, id, plain);
+  }
+  if (!haveData && !ReadCompositeData(session_, d_, id, data, compressed)) {
+    return false;
+  }
+  std::shared_ptr<const CompositeCache::Entry> known = Known(id);
+  if (known != nullptr && known->stored == data && take(known.get())) return true;
+  return Unpack(data, compressed, plain);
+}
+
+bool FileWriter::AddChunk(std::int32_t fileId, const unsigned char* chunk, std::size_t length,
+                          double fingerprint, std::int32_t& id) {
+  OdbcStatement* find = session_.Prepared(d_.findComposite);
+  if (find == nullptr) return false;
+  find->SetDouble(1, fingerprint);
+  find->SetDouble(2, fingerprint);
+  if (!find->Execute()) return false;
+  const OdbcStatement::Row row = find->Fetch();
+  if (row == OdbcStatement::Row::kError) return false;
+  if (row == OdbcStatement::Row::kEnd) {
+    find->CloseCursor();
+    return NewComposite(fileId, chunk, length, fingerprint, id);
+  }
+
+  // Columns in increasing order, as drivers require.
+  const MatchColumns& m = d_.match;
+  std::int32_t chunks = 0;
+  std::int32_t maxOrdinal = 0;
+  bool compressed = false;
+  double sum = 0;
+  Bytes data;
+  if (!find->GetInt32(m.compositeId, id) || !find->GetInt32(m.chunks, chunks)) return false;
+  auto pending = pending_.find(id);
+  const bool known = pending != pending_.end();
+  if (m.data != 0 && !known && !find->GetBinary(m.data, data)) return false;
+  if (!find->GetBit(m.isCompressed, compressed) || !find->GetInt32(m.maxOrdinal, maxOrdinal) ||
+      !find->GetDouble(m.sumFftRms, sum)) {
+    return false;
+  }
+  find->CloseCursor();
+
+  Bytes fetched;
+  std::shared_ptr<const GzipPrefix> prefix;
+  if (known && pending->second.plain.use_count() > 1) {
+    // A background job still reads these bytes: append to a copy.
+    pending->second.plain = std::make_shared<Bytes>(*pending->second.plain);
+  }
+  Bytes& plain = known ? *pending->second.plain : fetched;
+  if (!known && !Fetch(id, chunks, data, compressed, m.data != 0, plain, prefix)) return false;
+  const std::size_t before = plain.size();
+  if (before + length > kMaxCompositeBytes) return false;
+  plain.insert(plain.end(), chunk, chunk + length);
+  const double composite = (sum + fingerprint) / (chunks + 1);
+
+  if (options_.deferCompression) {
+    OdbcStatement* update = session_.Prepared(d_.updateCompositeCounts);
+    if (update == nullptr) return false;
+    update->SetDouble(1, composite);
+    update->SetInt32(2, id);
+    if (!update->Execute()) return false;
+    pendingBytes_ += length;
+    if (!known) {
+      pendingBytes_ += before;
+      pending = pending_.emplace(id, Pending{}).first;
+      pending->second.plain = std::make_shared<Bytes>(std::move(fetched));
+      pending->second.prefix = std::move(prefix);
+    }
+    Pending& entry = pending->second;
+    ++entry.generation;
+    entry.chunks = chunks + 1;
+    entry.bucket = BucketOf(composite);
+    entry.submitted = false;
+  } else {
+    StoredForm form;
+    OdbcStatement* update = session_.Prepared(d_.updateComposite);
+    if (update == nullptr || !form.Make(plain)) return false;
+    update->SetBinary(1, form.bytes(), form.count(), d_.longBinary);
+    update->SetDouble(2, composite);
+    update->SetBit(3, form.compressed());
+    update->SetInt32(4, id);
+    if (!update->Execute()) return false;
+  }
+  return InsertChunk(fileId, maxOrdinal + 1, id, static_cast<std::int32_t>(before) + 1, length,
+                     fingerprint) &&
+         WritePendingIfLarge();
+}
+
+std::size_t FileWriter::ChunksPerCall() const {
+  return std::clamp<std::size_t>(options_.deferredBytesLimit / kChunkBytes / 2, 1, 1024);
+}
+
+bool FileWriter::AppendChunks(std::int32_t fileId, const unsigned char* bytes, std::size_t total,
+                              const std::vector<double>& fingerprints, std::size_t first,
+                              std::size_t run) {
+  OdbcStatement* append = session_.Prepared(d_.appendChunks);
+  if (append == nullptr) return false;
+  fingerprintList_.assign(1, '{');
+  lengthList_.assign(1, '{');
+  for (std::size_t i = first; i < first + run; ++i) {
+    if (i > first) {
+      fingerprintList_ += ',';
+      lengthList_ += ',';
+    }
+    // The shortest form that reads back as the same double, in any locale.
+    char text[32];
+    const std::to_chars_result written = std::to_chars(text, text + sizeof text, fingerprints[i]);
+    if (written.ec != std::errc()) return false;
+    fingerprintList_.append(text, written.ptr);
+    lengthList_ += std::to_string(std::min(kChunkBytes, total - i * kChunkBytes));
+  }
+  fingerprintList_ += '}';
+  lengthList_ += '}';
+  heldIds_.assign(1, '{');
+  for (const auto& [held, entry] : pending_) {
+    if (heldIds_.size() > 1) heldIds_ += ',';
+    heldIds_ += std::to_string(held);
+  }
+  heldIds_ += '}';
+  OfferKnownVersions();
+  append->SetInt32(1, fileId);
+  append->SetText(2, fingerprintList_);
+  append->SetText(3, lengthList_);
+  append->SetText(4, heldIds_);
+  append->SetText(5, knownIds_);
+  append->SetText(6, knownVersions_);
+  if (!append->Execute()) return false;
+  using C = AppendColumns;
+  bool ok = true;
+  for (std::size_t i = first; ok && i < first + run; ++i) {
+    std::int32_t id = 0;
+    std::int32_t chunksBefore = 0;
+    std::int32_t start = 0;
+    bool compressed = false;
+    bool current = false;
+    double composite = 0;
+    ok = append->Fetch() == OdbcStatement::Row::kRow && append->GetInt32(C::kCompositeId, id) &&
+         append->GetInt32(C::kChunksBefore, chunksBefore) &&
+         append->GetBit(C::kIsCompressed, compressed) && append->GetInt32(C::kStart, start) &&
+         append->GetDouble(C::kFftRms, composite) && append->GetBinary(C::kData, data_) &&
+         append->GetBit(C::kCurrent, current) &&
+         TakeChunk(bytes + i * kChunkBytes, std::min(kChunkBytes, total - i * kChunkBytes), id,
+                   chunksBefore, compressed, start, composite, data_, current);
+    if (ok) CompressWhatIsFinished(BucketOf(fingerprints[i]), id);
+  }
+  ok = ok && append->Fetch() == OdbcStatement::Row::kEnd;
+  append->CloseCursor();
+  offered_.clear();
+  return ok && WritePendingIfLarge();
+}
+
+void FileWriter::OfferKnownVersions() {
+  offered_.clear();
+  if (cache_ != nullptr) {
+    for (auto& [id, entry] : cache_->Snapshot()) {
+      if (written_.count(id) == 0) offered_.emplace(id, std::move(entry));
+    }
+    for (const auto& [id, entry] : written_) {
+      if (entry != nullptr) offered_.emplace(id, entry);
+    }
+  }
+  knownIds_.assign(1, '{');
+  knownVersions_.assign(1, '{');
+  for (auto it = offered_.begin(); it != offered_.end();) {
+    const CompositeCache::Entry& entry = *it->second;
+    if (entry.version < 0 || entry.plain == nullptr || entry.prefix == nullptr) {
+      it = offered_.erase(it);
+      continue;
+    }
+    if (knownIds_.size() > 1) {
+      knownIds_ += ',';
+      knownVersions_ += ',';
+    }
+    knownIds_ += std::to_string(it->first);
+    knownVersions_ += std::to_string(entry.version);
+    ++it;
+  }
+  knownIds_ += '}';
+  knownVersions_ += '}';
+}
+
+bool FileWriter::TakeChunk(const unsigned char* chunk, std::size_t length, std::int32_t id,
+                           std::int32_t chunksBefore, bool compressed, std::int32_t start,
+                           double composite, Bytes& data, bool current) {
+  auto pending = pending_.find(id);
+  if (pending == pending_.end()) {
+    auto plain = std::make_shared<Bytes>();
+    std::shared_ptr<const GzipPrefix> prefix;
+    const CompositeCache::Entry* vouched = nullptr;
+    if (current) {
+      auto offered = offered_.find(id);
+      if (offered != offered_.end()) vouched = offered->second.get();
+    }
+    // A new composite (no chunks before) starts empty. Without the data
+    // and without an entry that stands for it, Fetch reads the data.
+    if (chunksBefore > 0 &&
+        !Fetch(id, chunksBefore, data, compressed, !current, *plain, prefix, vouched)) {
+      return false;
+    }
+    pendingBytes_ += plain->size();
+    pending = pending_.emplace(id, Pending{}).first;
+    pending->second.plain = std::move(plain);
+    pending->second.prefix = std::move(prefix);
+  } else if (pending->second.plain.use_count() > 1) {
+    // A background job still reads these bytes: append to a copy.
+    pending->second.plain = std::make_shared<Bytes>(*pending->second.plain);
+  }
+  Bytes& plain = *pending->second.plain;
+  // The database counted the composite's bytes from its chunk rows; they
+  // must be the bytes this transaction holds.
+  if (static_cast<std::size_t>(start) != plain.size() + 1 ||
+      plain.size() + length > kMaxCompositeBytes) {
+    return false;
+  }
+  plain.insert(plain.end(), chunk, chunk + length);
+  pendingBytes_ += length;
+  Pending& entry = pending->second;
+  ++entry.generation;
+  entry.chunks = chunksBefore + 1;
+  entry.bucket = BucketOf(composite);
+  entry.submitted = false;
+  return true;
+}
+
+bool FileWriter::NewComposite(std::int32_t fileId, const unsigned char* chunk, std::size_t length,
+                              double fingerprint, std::int32_t& id) {
+  OdbcStatement* insert = session_.Prepared(d_.insertComposite);
+  if (insert == nullptr) return false;
+  auto plain = std::make_shared<Bytes>(chunk, chunk + length);
+  StoredForm form;
+  if (options_.deferCompression) {
+    // The chunk as it is for now; its stored form is written later.
+    insert->SetBinary(1, plain->data(), plain->size(), d_.longBinary);
+    insert->SetBit(3, false);
+  } else {
+    if (!form.Make(*plain)) return false;
+    insert->SetBinary(1, form.bytes(), form.count(), d_.longBinary);
+    insert->SetBit(3, form.compressed());
+  }
+  insert->SetDouble(2, fingerprint);
+  if (!insert->Execute() || !ReadIdentity(session_, d_, insert, id)) return false;
+  if (options_.deferCompression) {
+    pendingBytes_ += length;
+    Pending& entry = pending_[id];
+    entry.plain = std::move(plain);
+    entry.generation = 1;
+    entry.chunks = 1;
+    entry.bucket = BucketOf(fingerprint);
+  }
+  return InsertChunk(fileId, 1, id, 1, length, fingerprint) && WritePendingIfLarge();
+}
+
+bool FileWriter::InsertChunk(std::int32_t fileId, std::int32_t ordinal, std::int32_t compositeId,
+                             std::int32_t start, std::size_t length, double fingerprint) {
+  OdbcStatement* insert = session_.Prepared(d_.insertChunk);
+  if (insert == nullptr) return false;
+  insert->SetInt32(1, fileId);
+  insert->SetInt32(2, ordinal);
+  insert->SetInt32(3, compositeId);
+  insert->SetInt32(4, start);
+  insert->SetInt32(5, static_cast<std::int32_t>(length));
+  insert->SetDouble(6, fingerprint);
+  return insert->Execute();
+}
+
+void FileWriter::CompressWhatIsFinished(int bucket, std::int32_t touched) {
+  const bool bucketDone = --remaining_[bucket] == 0;
+  const auto reachable = [this](int b) {
+    for (int near = b - 1; near <= b + 1; ++near) {
+      auto found = remaining_.find(near);
+      if (found != remaining_.end() && found->second > 0) return true;
+    }
+    return false;
+  };
+  const auto consider = [&](std::int32_t id, Pending& entry) {
+    if (entry.submitted || reachable(entry.bucket)) return;
+    entry.submitted = compressor_.Submit(id, entry.generation, entry.plain, entry.prefix);
+  };
+  if (bucketDone) {
+    for (auto& [id, entry] : pending_) consider(id, entry);
+  } else if (auto found = pending_.find(touched); found != pending_.end()) {
+    consider(touched, found->second);
+  }
+}
+
+bool FileWriter::WritePendingIfLarge() {
+  return pendingBytes_ <= options_.deferredBytesLimit || WritePending();
+}
+
+bool FileWriter::WritePending() {
+  if (pending_.empty()) return true;
+  std::map<std::int32_t, BackgroundCompressor::Result> done = compressor_.Drain();
+  std::vector<const Bytes*> plains;
+  std::vector<const GzipPrefix*> prefixes;
+  std::vector<StoredForm*> chosen(pending_.size(), nullptr);
+  std::size_t i = 0;
+  for (const auto& [id, entry] : pending_) {
+    auto result = done.find(id);
+    if (result != done.end() && result->second.ok &&
+        result->second.generation == entry.generation) {
+      chosen[i] = &result->second.form;
+    } else {
+      plains.push_back(entry.plain.get());
+      prefixes.push_back(entry.prefix.get());
+    }
+    ++i;
+  }
+  std::vector<StoredForm> forms(plains.size());
+  if (!MakeStoredForms(plains, prefixes, cache_ != nullptr, forms)) return false;
+  struct Write {
+    std::int32_t id;
+    StoredForm* form;
+    const Pending* entry;
+  };
+  std::vector<Write> writes;
+  std::size_t fresh = 0;
+  i = 0;
+  for (const auto& [id, entry] : pending_) {
+    writes.push_back({id, chosen[i] != nullptr ? chosen[i] : &forms[fresh++], &entry});
+    ++i;
+    if (cache_ != nullptr) written_[id] = nullptr;  // touched, whatever happens next
+  }
+  std::size_t next = 0;
+  // The largest batches first, the rest one by one.
+  for (int size = kDataBatchSizes - 1; size >= 0; --size) {
+    if (d_.updateCompositeDataBatch[size] == nullptr) continue;
+    const auto rows = static_cast<std::size_t>(DataBatchRows(size));
+    if (writes.size() - next < rows) continue;
+    OdbcStatement* batch = session_.Prepared(d_.updateCompositeDataBatch[size]);
+    if (batch == nullptr) return false;
+    for (; writes.size() - next >= rows; next += rows) {
+      for (std::size_t row = 0; row < rows; ++row) {
+        const Write& w = writes[next + row];
+        const int column = 3 * static_cast<int>(row);
+        batch->SetInt32(column + 1, w.id);
+        batch->SetBinary(column + 2, w.form->bytes(), w.form->count(), d_.longBinary);
+        batch->SetBit(column + 3, w.form->compressed());
+      }
+      if (!batch->Execute() || !ReadVersions(batch)) return false;
+    }
+  }
+  if (next < writes.size()) {
+    OdbcStatement* update = session_.Prepared(d_.updateCompositeData);
+    if (update == nullptr) return false;
+    for (; next < writes.size(); ++next) {
+      const Write& w = writes[next];
+      update->SetBinary(1, w.form->bytes(), w.form->count(), d_.longBinary);
+      update->SetBit(2, w.form->compressed());
+      update->SetInt32(3, w.id);
+      if (!update->Execute() || !ReadVersions(update)) return false;
+    }
+  }
+  if (cache_ != nullptr) {
+    for (const Write& w : writes) {
+      std::unique_ptr<GzipPrefix> kept = w.form->TakePrefix();
+      if (kept == nullptr) continue;
+      auto known = std::make_shared<CompositeCache::Entry>();
+      known->plain = w.entry->plain;
+      known->stored.assign(w.form->bytes(), w.form->bytes() + w.form->count());
+      known->compressed = w.form->compressed();
+      known->chunks = w.entry->chunks;
+      known->prefix = std::move(kept);
+      if (auto version = versions_.find(w.id); version != versions_.end()) {
+        known->version = version->second;
+      }
+      written_[w.id] = std::move(known);
+    }
+  }
+  pending_.clear();
+  pendingBytes_ = 0;
+  versions_.clear();
+  return true;
+}
+
+bool FileWriter::ReadVersions(OdbcStatement* write) {
+  if (!d_.dataWritesReturnVersions) return true;
+  for (;;) {
+    const OdbcStatement::Row row = write->Fetch();
+    if (row == OdbcStatement::Row::kEnd) break;
+    std::int32_t id = 0;
+    std::int64_t version = 0;
+    if (row != OdbcStatement::Row::kRow || !write->GetInt32(1, id) ||
+        !write->GetInt64(2, version)) {
+      return false;
+    }
+    versions_[id] = version;
+  }
+  write->CloseCursor();
+  return true;
+}
+
+}  // namespace zelvarpack::store

@@ -1,0 +1,34 @@
+// Reading the store's rows back: a composite's stored data and its bytes,
+// for the file writer (which appends to composites) and for reading a whole
+// stored file again (ReadStoredFile and ReadStoreTotals in
+// store/file_store.h). Each call uses the caller's session, on the caller's
+// thread.
+#ifndef ZELVARPACK_STORE_READ_BACK_H_
+#define ZELVARPACK_STORE_READ_BACK_H_
+
+#include <cstdint>
+
+#include "store/odbc_connection.h"
+#include "store/session_pool.h"
+#include "store/sql_dialect.h"
+#include "store/stored_form.h"
+
+namespace zelvarpack::store {
+
+// The first column of the statement's only row, closing its cursor.
+bool ReadOneInt32(OdbcStatement* statement, std::int32_t& value);
+
+// The identity of the row `insert` (just executed) added, as the dialect
+// hands it out.
+bool ReadIdentity(Session& statements, const Dialect& d, OdbcStatement* insert, std::int32_t& id);
+
+// Reads a composite's flag and data by id.
+bool ReadCompositeData(Session& statements, const Dialect& d, std::int32_t id, Bytes& data,
+                       bool& compressed);
+
+// Reads a composite's uncompressed bytes by id.
+bool ReadComposite(Session& statements, const Dialect& d, std::int32_t id, Bytes& plain);
+
+}  // namespace zelvarpack::store
+
+#endif  // ZELVARPACK_STORE_READ_BACK_H_

@@ -1,0 +1,3 @@
+"use strict";
+window.probe.order.push('strict.js');
+var strictLoaded = true;

@@ -1,0 +1,2 @@
+// Loaded with async: runs whenever it arrives.
+window.lateLoaded = true;
