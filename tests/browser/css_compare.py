@@ -219,7 +219,8 @@ def main():
     missing = [p for p in CORPUS if not args.sheets and not os.path.exists(p)]
     with tempfile.TemporaryDirectory() as work:
         try:
-            browser = Browser(args.chromium)
+            # Pages and sheets are files: let the pages read their sheets.
+            browser = Browser(args.chromium, extra_flags=["--allow-file-access-from-files"])
         except (OSError, BrowserError) as error:
             print("cannot start the browser: %s" % error)
             return 2
