@@ -56,6 +56,8 @@ PSEUDOS = ["", "::before", "::after", "::marker"]
 COLLECT = r"""
 (async () => {
   await document.fonts.ready;
+  // Running animations (spinners) would differ by the moment of reading.
+  for (const a of document.getAnimations()) { a.pause(); a.currentTime = 0; }
   const out = {rules: [], fonts: [], styles: []};
   const walk = (rules, depth) => {
     for (const rule of rules) {
