@@ -79,8 +79,10 @@ COLLECT = r"""
   for (const el of document.body.querySelectorAll("*")) {
     for (const p of PSEUDOS) {
       const cs = getComputedStyle(el, p || null);
-      let text = "";
-      for (let i = 0; i < cs.length; i++) text += cs[i] + ":" + cs.getPropertyValue(cs[i]) + ";";
+      // Sorted: the order in which custom properties are listed may differ.
+      const values = [];
+      for (let i = 0; i < cs.length; i++) values.push(cs[i] + ":" + cs.getPropertyValue(cs[i]));
+      const text = values.sort().join(";");
       let h = 0x811c9dc5;
       for (let i = 0; i < text.length; i++) h = Math.imul(h ^ text.charCodeAt(i), 16777619);
       const name = el.tagName + "." + el.className + "#" + el.id + p;
@@ -179,12 +181,16 @@ def compare(browser, tool, path, work):
         before["styles"], after["styles"] = (collect(browser, url, differing[:3])["styles"]
                                              for url in pages)
     problems = []
-    # Chromium keeps an @supports condition as written, spaces and all.
+    # Chromium keeps an @supports condition, and a value that holds var(),
+    # as written, spaces and all: those are compared without spaces (the
+    # computed styles below compare the values after substitution).
     for rules in (before["rules"], after["rules"]):
         for i, rule in enumerate(rules):
             if rule.startswith("@supports"):
                 head, _, rest = rule.partition("{")
                 rules[i] = re.sub(r"\s+", "", head) + "{" + rest
+            if "var(" in rules[i]:
+                rules[i] = re.sub(r"\s+", "", rules[i])
     if before["rules"] != after["rules"]:
         kept = len(before["rules"])
         problems.append("rules: %d in the original, %d minified" % (kept, len(after["rules"])))
@@ -200,7 +206,7 @@ def compare(browser, tool, path, work):
         problems.append("computed styles differ for %d of %d elements and pseudo-elements"
                         % (len(differing), len(before["styles"])))
         for a, b in differing[:3]:
-            sa, sb = a.split(";"), b.split(";")
+            sa, sb = a.split(" ", 1)[-1].split(";"), b.split(" ", 1)[-1].split(";")
             first = next((x, y) for x, y in zip(sa, sb) if x != y) if len(sa) == len(sb) \
                 else (a[:200], b[:200])
             problems.append("  %s: %s / %s" % (a.split(" ")[0][:80], first[0][:150],
