@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <unordered_set>
 #include <vector>
 
@@ -22,7 +23,10 @@
 namespace zelvarpack::css {
 
 struct CssOutputEntry {
-  enum Kind : std::int32_t { kUrl = 5, kText = 6 };
+  // kGeometry (filter mode) stands before the "}" of a rule whose background
+  // image may be placed in a sprite sheet, and writes that image's position
+  // and size when it was.
+  enum Kind : std::int32_t { kUrl = 5, kText = 6, kGeometry = 7 };
 
   explicit CssOutputEntry(Kind k) : kind(k) {}
 
@@ -36,6 +40,16 @@ struct CssOutputEntry {
   std::string address;
   // The declarations of the rule holding the url, kept at its "}".
   std::string declarations;
+  // False when the url cannot go into a sprite: not the rule's only url.
+  bool spriteable = true;
+  // Set at the "}" of its rule.
+  bool ruleClosed = false;
+  // Set by the sprite pass: the reference and the geometry written instead.
+  std::string spriteAddress;
+  std::string spriteGeometry;
+
+  // kGeometry: the url entry it belongs to.
+  const CssOutputEntry* of = nullptr;
   // Written by the entry's download thread only.
   std::unique_ptr<CZelvarBuffer> downloaded;
   std::atomic<unsigned char> abandoned{0};  // the server stopped waiting
@@ -55,19 +69,22 @@ struct CssServerState {
   std::unordered_set<std::string> names;
   std::unique_ptr<CZelvarBuffer> inlineBuffer = std::make_unique<CZelvarBuffer>();
 
-  std::vector<std::unique_ptr<CssOutputEntry>> entries;
+  // Shared with the download threads, which may outlive the server.
+  std::vector<std::shared_ptr<CssOutputEntry>> entries;
 
   // The sheet being tokenized: its name when that is an absolute "http:" or
   // "https:" address, else empty; and, split from it, the scheme and the
   // prefix (scheme "://" host directory "/") that relative references get.
   std::string baseUrl;
   std::string baseScheme;
+  std::string baseOrigin;  // scheme "://" host
   std::string basePrefix;
   bool canResolve = false;
 
   // Filter mode only: the rule's declarations while they are written.
   OutputText captureText;
 
+  bool isFilter = false;
   std::int32_t timeoutSeconds = 2;
   std::string serverUrl;
   bool hasServerUrl = false;

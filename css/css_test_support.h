@@ -7,7 +7,9 @@
 //   BS BU                          bad-string, bad-url
 //   D(%) N(1.5) P(50)              delim, number, percentage
 //   DIM(1.5,em) UR(0000,00FF)      dimension, unicode-range
-//   _ C <!-- --> : ; [ ] ( ) { }   whitespace, comment, CDO, CDC, punctuation
+//   _ C C(!x) <!-- --> : ; [ ] ( ) { }
+//                                  whitespace, comment (a "/*!" one with its
+//                                  text), CDO, CDC, punctuation
 //
 // Bytes outside 0x20-0x7E inside texts are written \xHH.
 #ifndef ZELVARPACK_CSS_CSS_TEST_SUPPORT_H_
@@ -80,7 +82,10 @@ class TokenRecorder : public CCssTokenizerEvents {
       out += "UR(" + Text(&unicodeRange->first) + "," + Text(&unicodeRange->second) + ")";
     }
     if (whitespace) out += "_";
-    if (comment) out += "C";
+    if (comment) {
+      const auto* text = static_cast<const CssText*>(comment);
+      out += text->length > 0 ? "C(" + Text(text) + ")" : "C";
+    }
     if (cdo) out += "<!--";
     if (cdc) out += "-->";
     if (colon) out += ":";

@@ -81,20 +81,19 @@ bool CCssTokenizer::IsValidEscape(std::uint32_t pos) const {
 }
 
 std::uint32_t CCssTokenizer::ConsumeEscape(std::uint32_t pos, CssText* text) {
+  // Kept as written, backslash and all: a browser then reads the escape the
+  // same way in the output as in the source.
   const std::uint32_t first = pos + 1;
   if (!IsByte(input_[first], kHexDigit)) {
-    if (text != nullptr) text->Append(input_[first]);
+    if (text != nullptr) text->Append(input_ + pos, 2);
     return first + 1;
   }
   std::uint32_t end = first;
   while (end < length_ && end - first < 6 && IsByte(input_[end], kHexDigit)) ++end;
-  const std::uint32_t digits = end - first;
-  if (text != nullptr) text->Append(input_ + first, static_cast<std::int32_t>(digits));
-  // Whitespace after the escape. Departure kept on purpose: unless the run
-  // reached six digits, the byte examined is the second one after the digits,
-  // and what is skipped is the byte right after them, whatever it is.
-  const std::uint32_t examined = pos + 2 + (digits == 6 ? 5 : digits);
-  if (Is(Peek(examined), kSpace)) return end + 1;
+  // One whitespace byte after a hex escape belongs to it (CSS Syntax; form
+  // feed counts, as the standard's preprocessing makes it a line feed).
+  if (end < length_ && (IsByte(input_[end], kSpace) || input_[end] == '\f')) ++end;
+  if (text != nullptr) text->Append(input_ + pos, static_cast<std::int32_t>(end - pos));
   return end;
 }
 
@@ -195,6 +194,7 @@ std::uint32_t CCssTokenizer::DataState(std::uint32_t pos) {
     case '/':
       if (Peek(pos + 1) == '*') {
         state = kCommentState;
+        comment_start_ = pos + 2;
         return pos + 2;
       }
       EmitDelim(c);
@@ -327,13 +327,13 @@ std::uint32_t CCssTokenizer::CommentState(std::uint32_t pos) {
     if (star == nullptr) break;
     pos = static_cast<std::uint32_t>(star - input_);
     if (pos + 1 < length_ && input_[pos + 1] == '/') {
-      EmitComment();
+      EmitComment(pos);
       state = kDataState;
       return pos + 2;
     }
     ++pos;
   }
-  EmitComment();
+  EmitComment(length_);
   state = kDataState;
   return length_ + 1;
 }
@@ -430,8 +430,8 @@ std::uint32_t CCssTokenizer::FunctionWhitespaceState(std::uint32_t pos) {
 }
 
 // ---------------------------------------------------------------------------
-// 11-15. Numeric (CSS Syntax "consume a numeric token"), with the exponent
-// letter dropped and the "%" left for the data state.
+// 11-15. Numeric (CSS Syntax "consume a numeric token"), with the "%" left
+// for the data state.
 
 std::uint32_t CCssTokenizer::NumberStartState(std::uint32_t pos) {
   const int c = Peek(pos);
@@ -501,17 +501,16 @@ std::uint32_t CCssTokenizer::NumberSuffix(std::uint32_t pos) {
     state = kDataState;
     return pos;
   }
-  if (c == 'e' || c == 'E') {
-    // The exponent's digits (and sign) join the number text; the letter is
-    // dropped on purpose.
+  if ((c == 'e' || c == 'E') && !exponent_) {
+    // The exponent, letter and all (CSS Syntax): 1e3, 1.5E-2.
     const int next = Peek(pos + 1);
     if (Is(next, kDigit)) {
-      number_.Append(static_cast<unsigned char>(next));
+      number_.Append(input_ + pos, 2);
       state = kExponentDigitsState;
       return ExponentDigitsState(pos + 2);
     }
     if ((next == '+' || next == '-') && Is(Peek(pos + 2), kDigit)) {
-      number_.Append(input_ + pos + 1, 2);
+      number_.Append(input_ + pos, 3);
       state = kExponentDigitsState;
       return ExponentDigitsState(pos + 3);
     }
@@ -555,9 +554,12 @@ std::uint32_t CCssTokenizer::ExponentDigitsState(std::uint32_t pos) {
   const std::uint32_t start = pos;
   while (pos < length_ && IsByte(input_[pos], kDigit)) ++pos;
   if (pos > start) number_.Append(input_ + start, static_cast<std::int32_t>(pos - start));
-  EmitNumber();
-  state = kDataState;
-  return pos;
+  // A number with an exponent may still be a percentage or a dimension
+  // (1e2%, 1e3px), but takes no second exponent.
+  exponent_ = true;
+  const std::uint32_t next = NumberSuffix(pos);
+  exponent_ = false;
+  return next;
 }
 
 // ---------------------------------------------------------------------------
@@ -672,9 +674,9 @@ std::uint32_t CCssTokenizer::BadUrlState(std::uint32_t pos) {
 }
 
 // ---------------------------------------------------------------------------
-// 22. Unicode range (CSS Syntax "consume a unicode-range token"). Departure
-// kept on purpose: the position moves by one or two bytes only, so what
-// follows the first digit is tokenized again.
+// 22. Unicode range (CSS Syntax "consume a unicode-range token"): the token
+// covers exactly its own bytes; a wildcard range keeps its "?"s as written
+// and has no end.
 
 std::uint32_t CCssTokenizer::UnicodeRangeState(std::uint32_t pos) {
   CssText& start = unicode_range_.first;
@@ -682,34 +684,21 @@ std::uint32_t CCssTokenizer::UnicodeRangeState(std::uint32_t pos) {
   start.Reset(true);
   end.Reset(true);
   std::uint32_t at = pos;
-  while (at - pos < 6 && Is(Peek(at), kHexDigit)) start.Append(input_[at++]);
+  while (at - pos < 6 && Is(Peek(at), kHexDigit)) ++at;
   bool wildcard = false;
-  while (start.length < 6 && Peek(at) == '?') {
-    start.Append('?');
+  while (at - pos < 6 && Peek(at) == '?') {
     ++at;
     wildcard = true;
   }
-  state = kDataState;
-  if (wildcard) {
-    end.Assign(start.data, start.length);
-    for (std::int32_t i = 0; i < start.length; ++i) {
-      if (start.data[i] == '?') {
-        start.data[i] = '0';
-        end.data[i] = 'F';
-      }
-    }
-    EmitUnicodeRange();
-    return pos + 1;
-  }
-  if (Peek(pos + 1) == '-' && Is(Peek(pos + 2), kHexDigit)) {
-    for (at = pos + 2; at - (pos + 2) < 6 && Is(Peek(at), kHexDigit); ++at) {
-      end.Append(input_[at]);
-    }
-    EmitUnicodeRange();
-    return pos + 2;
+  start.Append(input_ + pos, static_cast<std::int32_t>(at - pos));
+  if (!wildcard && Peek(at) == '-' && Is(Peek(at + 1), kHexDigit)) {
+    const std::uint32_t from = at + 1;
+    for (at = from; at - from < 6 && Is(Peek(at), kHexDigit);) ++at;
+    end.Append(input_ + from, static_cast<std::int32_t>(at - from));
   }
   EmitUnicodeRange();
-  return pos + 1;
+  state = kDataState;
+  return at;
 }
 
 // ---------------------------------------------------------------------------
@@ -799,7 +788,18 @@ void CCssTokenizer::EmitUnicodeRange() {
 
 void CCssTokenizer::EmitWhitespace() { EmitMarker<14>(); }
 
-void CCssTokenizer::EmitComment() { EmitMarker<15>(); }
+void CCssTokenizer::EmitComment(std::uint32_t end) {
+  // Only a "/*!" comment (a licence notice, which minifiers keep) carries its
+  // text; the others are not copied.
+  if (comment_start_ < end && input_[comment_start_] == '!') {
+    comment_.Assign(input_ + comment_start_, static_cast<std::int32_t>(end - comment_start_));
+  } else {
+    comment_.Reset(true);
+  }
+  events->OnToken(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                  nullptr, nullptr, nullptr, nullptr, nullptr, &comment_, nullptr, nullptr, nullptr,
+                  nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+}
 
 template <int kArgument>
 void CCssTokenizer::EmitMarker() {

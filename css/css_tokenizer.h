@@ -5,12 +5,12 @@
 //
 // Deliberate departures from CSS Syntax, which consumers rely on:
 //   - a percentage is followed by a delim "%" (the "%" is examined twice);
-//   - the exponent letter is dropped from a number's text (1e3 gives "13");
-//   - a unicode-range moves the position by one or two bytes only, so its
-//     later digits are tokenized again;
-//   - escapes keep their bytes as written (hex digits are not decoded) and a
-//     short hex escape skips the byte after it when the second byte after it
-//     is whitespace;
+//   - escapes are not decoded: a token's text keeps them as written, the
+//     backslash, the hex digits and the one whitespace byte a hex escape
+//     takes, so writing the text back reads the same;
+//   - a wildcard unicode-range keeps its text as written ("4??", no end);
+//   - a comment carries its text (after "/*", without "*/") only when it
+//     begins with "!", the mark of a licence notice;
 //   - form feed is not whitespace; CR becomes LF in the caller's buffer.
 //
 // The tokenizer owns its payloads and reuses them. Not thread-safe: one
@@ -150,7 +150,8 @@ class CCssTokenizer {
   void EmitDimension();
   void EmitUnicodeRange();
   void EmitWhitespace();
-  void EmitComment();
+  // `end` is the position of the comment's "*/" (or the end of the input).
+  void EmitComment(std::uint32_t end);
   // The payload-free kinds by argument number (14 whitespace ... 25 "}").
   template <int kArgument>
   void EmitMarker();
@@ -168,6 +169,10 @@ class CCssTokenizer {
   CssQuotedText url_;
   CssTextPair unicode_range_;
   CssText delim_;
+  CssText comment_;
+  std::uint32_t comment_start_ = 0;
+  // Set while the suffix of a number that has an exponent is read.
+  bool exponent_ = false;
   unsigned char placeholder_ = 0;
 };
 

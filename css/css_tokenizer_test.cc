@@ -63,40 +63,44 @@ TEST(CssTokenizer, IdentsFunctionsHashesAndAtKeywords) {
       {"-a _x a-b_c1", "I(-a) _ I(_x) _ I(a-b_c1)"},
       {"-", "D(-)"},
       {"--a", "D(-) I(-a)"},
-      {"-\\41", "D(-) I(41)"},
+      {"-\\41", "D(-) I(\\41)"},
       {"calc(", "F(calc)"},
       {"calc (", "I(calc) _ ("},
       {"rgba(1)", "F(rgba) N(1) )"},
       {"#fff #-1 #_", "#(fff) _ #(-1) _ #(_)"},
       {"#", "D(#)"},
       {"# a", "D(#) _ I(a)"},
-      {"#\\41x", "#(41x)"},
+      {"#\\41x", "#(\\41x)"},
       {"#\xC3", "D(#) D(\\xC3)"},
       {"@media @-moz-x @_a", "@(media) _ @(-moz-x) _ @(_a)"},
       {"@", "D(@)"},
       {"@1", "D(@) N(1)"},
       {"@--x", "D(@) D(-) I(-x)"},
       {"@-1", "D(@) N(-1)"},
-      {"@\\41x", "@(41x)"},
+      {"@\\41x", "@(\\41x)"},
   });
 }
 
 TEST(CssTokenizer, EscapesKeepTheirBytesAndSkipOddly) {
   ExpectTokens({
-      {"a\\.b", "I(a.b)"},
-      {"\\:x", "I(:x)"},
-      {"a\\ b", "I(a b)"},
-      {"x\\41", "I(x41)"},
-      // The byte examined is the second one after a short escape: here "b".
-      {"x\\41 b", "I(x41) _ I(b)"},
-      // Two spaces: the second is examined, so the first is skipped.
-      {"x\\41  b", "I(x41) _ I(b)"},
-      // Examined " " skips the byte right after the digits, here "y".
-      {"x\\41y b", "I(x41) _ I(b)"},
-      // Six digits: the byte right after them is examined and skipped.
-      {"x\\000041 y", "I(x000041y)"},
-      {"x\\00004142", "I(x00004142)"},  // at most six digits per escape
-      {"'x\\41 y'", "S'x41 y'"},
+      // Escapes are kept as written, backslash and all.
+      {"a\\.b", "I(a\\.b)"},
+      {"\\:x", "I(\\:x)"},
+      {"a\\ b", "I(a\\ b)"},
+      {"x\\41", "I(x\\41)"},
+      // A hex escape takes exactly one whitespace byte after it (CSS Syntax).
+      {"x\\41 b", "I(x\\41 b)"},
+      {"x\\41  b", "I(x\\41 ) _ I(b)"},
+      {"x\\41\tb", "I(x\\41\\x09b)"},
+      {"x\\41\x0C"
+       "b",
+       "I(x\\41\\x0Cb)"},
+      {"x\\41y b", "I(x\\41y) _ I(b)"},
+      {"x\\000041 y", "I(x\\000041 y)"},
+      {"x\\00004142", "I(x\\00004142)"},  // at most six digits per escape
+      {"'x\\41 y'", "S'x\\41 y'"},
+      {"\\f101", "I(\\f101)"},
+      {".sm\\:flex", "D(.) I(sm\\:flex)"},
   });
 }
 
@@ -105,8 +109,8 @@ TEST(CssTokenizer, StringsAndBadStrings) {
       {"\"a b\" 'c'", "S\"a b\" _ S'c'"},
       {"\"\"", "S\"\""},
       {"\"a'b\" 'a\"b'", "S\"a'b\" _ S'a\"b'"},
-      {"\"a\\\"b\"", "S\"a\"b\""},  // the escape's byte without its "\"
-      {"\"a\\\nb\"", "S\"ab\""},    // line continuation
+      {"\"a\\\"b\"", "S\"a\\\"b\""},  // the escape as written
+      {"\"a\\\nb\"", "S\"ab\""},      // line continuation
       {"\"a\\\fb\"", "S\"ab\""},
       {"\"abc", "S\"abc\""},  // unterminated at the end: a normal string
       {"'a\nb'", "BS _ I(b) S''"},
@@ -128,20 +132,23 @@ TEST(CssTokenizer, NumbersPercentagesAndDimensions) {
       {"1.", "N(1) D(.)"},
       {"1.x", "N(1) D(.) I(x)"},
       // The exponent letter is lost.
-      {"1e3", "N(13)"},
-      {"1e+3", "N(1+3)"},
-      {"2e-5", "N(2-5)"},
-      {"1.5E2", "N(1.52)"},
-      {"-.5e-1", "N(-.5-1)"},
-      {"1e3px", "N(13) I(px)"},
+      // The exponent is kept, letter and all.
+      {"1e3", "N(1e3)"},
+      {"1e+3", "N(1e+3)"},
+      {"2e-5", "N(2e-5)"},
+      {"1.5E2", "N(1.5E2)"},
+      {"-.5e-1", "N(-.5e-1)"},
+      {"1e3px", "DIM(1e3,px)"},
+      {"2e2%", "P(2e2) D(%)"},
+      {"1e2e3", "DIM(1e2,e3)"},
       {"1e", "DIM(1,e)"},
       {"1em", "DIM(1,em)"},
       {"1e+x", "DIM(1,e) D(+) I(x)"},
       {"1-x", "DIM(1,-x)"},
       {"1-2", "N(1) N(-2)"},
       {"1--", "N(1) D(-) D(-)"},
-      {"1\\41", "DIM(1,41)"},
-      {"1-\\41", "DIM(1,-41)"},
+      {"1\\41", "DIM(1,\\41)"},
+      {"1-\\41", "DIM(1,-\\41)"},
       {"1-\\\n", "N(1) D(-) D(\\) _"},
       {"1_a", "DIM(1,_a)"},
       {"+ +a", "D(+) _ D(+) I(a)"},
@@ -157,7 +164,7 @@ TEST(CssTokenizer, UrlsAndBadUrls) {
       {"url(  a  )", "U(a)"},
       {"url()", "U()"},
       {"url(a)b", "U(a) I(b)"},
-      {"url(a\\)b)", "U(a)b)"},
+      {"url(a\\)b)", "U(a\\)b)"},
       {"url(\"a\\\nb\")", "U\"ab\""},
       {"url(a\x0B\x0C"
        "b)",
@@ -187,7 +194,7 @@ TEST(CssTokenizer, UrlsAndBadUrls) {
       {"url(a b", ""},
       // Only the data state recognises "url(".
       {"url (a)", "I(url) _ ( I(a) )"},
-      {"\\75rl(a)", "F(75rl) I(a) )"},
+      {"\\75rl(a)", "F(\\75rl) I(a) )"},
       {"xurl(a)", "F(xurl) I(a) )"},
       {"u", "I(u)"},
       {"url", "I(url)"},
@@ -196,13 +203,20 @@ TEST(CssTokenizer, UrlsAndBadUrls) {
 
 TEST(CssTokenizer, UnicodeRangesAreTokenizedAgain) {
   ExpectTokens({
-      {"U+00??", "UR(0000,00FF) N(0) D(?) D(?)"},
-      {"u+0-7F", "UR(0,7F) DIM(7,F)"},
-      {"U+0000-00FF", "UR(0000,) N(000) DIM(-00,FF)"},
-      {"U+1F600", "UR(1F600,) I(F600)"},
+      // A range covers exactly its own bytes; a wildcard keeps its "?"s.
+      {"U+00??", "UR(00??,)"},
+      {"u+0-7F", "UR(0,7F)"},
+      {"U+0000-00FF", "UR(0000,00FF)"},
+      {"U+1F600", "UR(1F600,)"},
       {"u+a", "UR(a,)"},
-      {"U+1234567", "UR(123456,) N(234567)"},
-      {"U+1?????", "UR(100000,1FFFFF) D(?) D(?) D(?) D(?) D(?)"},
+      {"U+1234567", "UR(123456,) N(7)"},
+      {"U+1?????", "UR(1?????,)"},
+      {"U+1???????", "UR(1?????,) D(?) D(?)"},
+      {"U+4?"
+       "?-5",
+       "UR(4?"
+       "?,) N(-5)"},
+      {"U+0-7F,U+A0", "UR(0,7F) D(,) UR(A0,)"},
       {"U+1-", "UR(1,) D(-)"},
       {"u+", "I(u) D(+)"},
       {"u+g", "I(u) D(+) I(g)"},
@@ -251,8 +265,8 @@ TEST(CssTokenizer, TextsAreTerminatedAndGrowInStepsOfFifty) {
   CCssTokenizer tokenizer;
   tokenizer.events = &receiver;
   tokenizer.Tokenize(reinterpret_cast<unsigned char*>(input.data()), 1000);
-  EXPECT_EQ(receiver.length, 999);  // the "\" is dropped, its byte kept
-  EXPECT_EQ(receiver.capacity, 1000);
+  EXPECT_EQ(receiver.length, 1000);  // the "\" is kept with its byte
+  EXPECT_EQ(receiver.capacity, 1050);
   EXPECT_TRUE(receiver.terminated);
 }
 
@@ -292,7 +306,10 @@ class OperationRecorder : public CCssConstructorEvents {
   void OnColon(void*) override { Add(":"); }
   void OnCdc(void*) override { Add("-->"); }
   void OnCdo(void*) override { Add("<!--"); }
-  void OnComment(void*) override { Add("C"); }
+  void OnComment(void* t) override {
+    const auto* text = static_cast<const CssText*>(t);
+    Add(text->length > 0 ? "C(" + Text(text) + ")" : "C");
+  }
   void OnWhitespace(void*) override { Add("_"); }
   void OnUnicodeRange(CssTextPair* p) override {
     Add("UR(" + Text(&p->first) + "," + Text(&p->second) + ")");
@@ -353,6 +370,10 @@ TEST(CssConstructor, EmptyInputAndBaseReceiver) {
   EXPECT_EQ(recorder.out, "");
   ThroughConstructor("/* a */ /* b */", &recorder);
   EXPECT_EQ(recorder.out, "C _ C");
+  // A licence notice carries its text, once, even unclosed.
+  recorder.out.clear();
+  ThroughConstructor("/*! MIT */a/*!x", &recorder);
+  EXPECT_EQ(recorder.out, "C(! MIT ) I(a) C(!x)");
   // The base operations do nothing; a detached constructor drops tokens.
   CCssConstructorEvents base;
   ThroughConstructor("a{b:url(c) 1% U+1}", &base);

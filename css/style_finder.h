@@ -10,6 +10,14 @@
 // shorthand wins, and "padding" fills padding-bottom only. A function
 // (calc(...)) ends the pending property.
 //
+// For the sprite logic it also reads the background's repeat and position:
+// "no-repeat" or "repeat", "repeat-x", "repeat-y", "space", "round" in the
+// "background" shorthand or in "background-repeat", and any position other
+// than the origin (a non-zero number, "right", "center", "bottom") in the
+// shorthand or in "background-position"; values inside functions (colours)
+// are not positions. A "background-size" or a "/" in the shorthand counts
+// as a size. These last until the ";" that ends the declaration.
+//
 // Not thread-safe: one finder, one thread.
 #ifndef ZELVARPACK_CSS_STYLE_FINDER_H_
 #define ZELVARPACK_CSS_STYLE_FINDER_H_
@@ -55,6 +63,11 @@ class CStyleFinder : public CCssConstructorEvents {
   void OnHash(CssText* name) override;
   void OnAtKeyword(CssText* name) override;
   void OnFunction(CssText* name) override;
+  void OnSemicolon(void* token) override;
+  void OnOpenBrace(void* token) override;
+  void OnCloseBrace(void* token) override;
+  void OnOpenParen(void* token) override;
+  void OnCloseParen(void* token) override;
 
   unsigned char hasBackground = 0;
   unsigned char hasBackgroundImage = 0;
@@ -62,10 +75,25 @@ class CStyleFinder : public CCssConstructorEvents {
   unsigned char pending[kSlotCount] = {};
   unsigned char isPercentage = 0;
   unsigned char hasUrl = 0;
+  // The background's repeat, position and size, as described above.
+  unsigned char noRepeat = 0;
+  unsigned char repeats = 0;
+  unsigned char positionOffOrigin = 0;
+  unsigned char hasBackgroundSize = 0;
+  // A height or width given in a unit other than px.
+  unsigned char sizeNotInPixels = 0;
 
  private:
+  // The background declaration being read, if any.
+  enum Background : unsigned char { kNone, kShorthand, kRepeat, kPosition };
+
   void ForgetPending();
   void TakeValue(const CssText& number);
+  void BackgroundIdent(const CssText& ident);
+  void BackgroundNumber(const CssText& number);
+
+  Background background_ = kNone;
+  std::int32_t functionDepth_ = 0;
 
   std::unique_ptr<CZelvarBuffer> values_[kSlotCount];
 };

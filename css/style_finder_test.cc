@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "css/css_sprites.h"
+
 namespace {
 
 // The finder's fields in one line: flags b (background), i (background-image),
@@ -55,12 +57,58 @@ TEST(StyleFinder, RecordsBackgroundsUrlsAndLastValues) {
       {"width:#fff 5px", ""},
       {"width:U+1 5px", ""},
       {"width:-5 ;{} ()[] 6", " width=6"},  // punctuation keeps it pending
-      {"width:1e3px", " width=13"},         // number 13, then the ident px
+      {"width:1e3px", " width=1e3"},        // the number part of the dimension
       {"x:width 4", " width=4"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.css);
     EXPECT_EQ(Find(c.css), c.expected);
+  }
+}
+
+// The background's repeat, position and size, and units of the box, as the
+// sprite logic reads them: R no-repeat, r another repeat, P a position off
+// the origin, S a size, E a box size not in pixels; then whether CanSprite.
+std::string Background(std::string css) {
+  CStyleFinder finder;
+  finder.Find(reinterpret_cast<unsigned char*>(css.data()), static_cast<std::int32_t>(css.size()));
+  std::string out;
+  if (finder.noRepeat) out += "R";
+  if (finder.repeats) out += "r";
+  if (finder.positionOffOrigin) out += "P";
+  if (finder.hasBackgroundSize) out += "S";
+  if (finder.sizeNotInPixels) out += "E";
+  return out + (zelvarpack::css::CanSprite(finder) ? " sprite" : "");
+}
+
+TEST(StyleFinder, ReadsTheBackgroundsRepeatPositionAndSize) {
+  const std::string box = ";width:16px;height:16px";
+  const std::vector<Case> cases = {
+      {"background:url(a) no-repeat" + box, "R sprite"},
+      {"background:url(a)" + box, ""},
+      {"background-image:url(a);background-repeat:no-repeat" + box, "R sprite"},
+      {"background:url(a) no-repeat 0 0" + box, "R sprite"},
+      {"background:url(a) no-repeat left top" + box, "R sprite"},
+      {"background:rgba(0,0,0,.5) url(a) no-repeat 0% 0px" + box, "R sprite"},
+      {"background:url(a) no-repeat 1px 0" + box, "RP"},
+      {"background:url(a) no-repeat center" + box, "RP"},
+      {"background:url(a) no-repeat;background-position:right" + box, "RP"},
+      {"background:url(a) repeat-x" + box, "r"},
+      {"background:url(a) no-repeat;background-repeat:round" + box, "Rr"},
+      {"background:url(a) no-repeat 0 0/16px" + box, "RPS"},  // the size reads as a position too
+      {"background:url(a) no-repeat;background-size:16px" + box, "RS"},
+      {"background:url(a) no-repeat;width:1em;height:16px", "RE"},
+      {"background:url(a) no-repeat;width:50%;height:16px", "R"},
+      {"background:url(a) no-repeat;width:16px", "R"},
+      {"background:url(a) no-repeat;padding:0" + box, "R sprite"},
+      {"background:url(a) no-repeat;padding-left:2px" + box, "R"},
+      {"background:url(a) no-repeat;width:15.5px;height:16px", "R"},
+      {"border-image:url(a) round;margin:1px" + box, ""},  // not a background
+      {"color:red" + box, ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.css);
+    EXPECT_EQ(Background(c.css), c.expected);
   }
 }
 

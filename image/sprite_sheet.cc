@@ -92,8 +92,10 @@ CZelvarImageEntry IndexEntry(std::int32_t key, SheetSize sheet, const Cell& cell
                              std::int32_t width, std::int32_t height, std::int32_t marginLeft,
                              std::int32_t marginTop) {
   auto position = [](std::int32_t at, double divisor) {
-    if (divisor == 0) return 0.0;
-    return at != 0 ? 100.0 * at / divisor : 100.0 / divisor;
+    // A cell at the sheet's edge is shown with position 0; 100 / divisor
+    // would shift the sheet by a pixel and show a strip of its neighbour.
+    if (divisor == 0 || at == 0) return 0.0;
+    return 100.0 * at / divisor;
   };
   const auto w = static_cast<double>(sheet.width);
   const auto h = static_cast<double>(sheet.height);

@@ -48,9 +48,8 @@ SheetSize PackCells(std::vector<Cell>& cells, std::int64_t maxHeight);
 
 // The index entry of an image of `width` x `height` pixels placed with its
 // cell at (x, y) in a sheet of size `sheet`. positionX = 100 x / (W - width +
-// marginLeft), but 100 / (W - width + marginLeft) when x is 0 (kept so for
-// the stylesheets already written against it); 0 when the divisor is 0;
-// likewise positionY with y, H and marginTop. sizeX = 100 W / width, sizeY =
+// marginLeft), and 0 when x is 0 or the divisor is 0; likewise positionY
+// with y, H and marginTop. sizeX = 100 W / width, sizeY =
 // 100 H / height. REQUIRES: width, height > 0.
 CZelvarImageEntry IndexEntry(std::int32_t key, SheetSize sheet, const Cell& cell,
                              std::int32_t width, std::int32_t height, std::int32_t marginLeft,

@@ -51,7 +51,7 @@ TEST(SpriteSheet, PacksWidestFirstIntoShelvesWithGuillotineCuts) {
   EXPECT_GT(PackCells(tall, 1000).height, 1000);
 }
 
-TEST(SpriteSheet, PercentagesKeepTheirRuleAtTheOrigin) {
+TEST(SpriteSheet, PercentagesPutAnImageAtTheOriginAtZero) {
   const SheetSize sheet{10, 28};
   const CZelvarImageEntry inside = IndexEntry(7, sheet, {3, 3, 6, 12}, 3, 3, 0, 0);
   EXPECT_EQ(inside.key, 7);
@@ -59,13 +59,15 @@ TEST(SpriteSheet, PercentagesKeepTheirRuleAtTheOrigin) {
   EXPECT_DOUBLE_EQ(inside.positionY, 48);
   EXPECT_DOUBLE_EQ(inside.sizeX, 1000.0 / 3);
   EXPECT_DOUBLE_EQ(inside.sizeY, 2800.0 / 3);
-  // At x = 0 the position is 100 / divisor; a zero divisor gives 0.
+  // At x = 0 or y = 0 the position is 0: anything else shifts the sheet by
+  // a pixel and shows a strip of the neighbouring image. A zero divisor
+  // gives 0 too.
   const CZelvarImageEntry origin = IndexEntry(1, sheet, {10, 8, 0, 0}, 10, 8, 0, 0);
   EXPECT_DOUBLE_EQ(origin.positionX, 0);
-  EXPECT_DOUBLE_EQ(origin.positionY, 5);
+  EXPECT_DOUBLE_EQ(origin.positionY, 0);
   const CZelvarImageEntry margins = IndexEntry(1, sheet, {10, 8, 0, 0}, 8, 6, 1, 2);
-  EXPECT_DOUBLE_EQ(margins.positionX, 100.0 / 3);
-  EXPECT_DOUBLE_EQ(margins.positionY, 100.0 / 24);
+  EXPECT_DOUBLE_EQ(margins.positionX, 0);
+  EXPECT_DOUBLE_EQ(margins.positionY, 0);
   EXPECT_DOUBLE_EQ(margins.sizeX, 125);
 }
 

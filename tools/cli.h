@@ -74,6 +74,7 @@ int RunFetch(zelvarpack::cli::Arguments& args);
 int RunJs(zelvarpack::cli::Arguments& args);
 int RunCssTokens(zelvarpack::cli::Arguments& args);
 int RunMinifyCss(zelvarpack::cli::Arguments& args);
+int RunFilterCss(zelvarpack::cli::Arguments& args);
 int RunCss(zelvarpack::cli::Arguments& args);
 int RunStyle(zelvarpack::cli::Arguments& args);
 int RunAudio(zelvarpack::cli::Arguments& args);

@@ -1,5 +1,6 @@
-// zelvarpack css-tokens, minify-css, css store|get and style.
+// zelvarpack css-tokens, minify-css, filter-css, css store|get and style.
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
@@ -47,7 +48,15 @@ class TokenPrinter : public CCssTokenizerEvents {
     if (dimension != nullptr) Pair("dimension", *dimension);
     if (unicodeRange != nullptr) Pair("unicode-range", *unicodeRange);
     if (whitespace != nullptr) line_ += "\"whitespace\"";
-    if (comment != nullptr) line_ += "\"comment\"";
+    if (comment != nullptr) {
+      // A licence notice ("/*!") carries its text; other comments none.
+      const auto* text = static_cast<const CssText*>(comment);
+      if (text->length > 0) {
+        Named("comment", *text);
+      } else {
+        line_ += "\"comment\"";
+      }
+    }
     if (cdo != nullptr) line_ += "\"CDO\"";
     if (cdc != nullptr) line_ += "\"CDC\"";
     if (colon != nullptr) line_ += "\":\"";
@@ -168,6 +177,56 @@ int RunMinifyCss(Arguments& args) {
   char noCache[] = "";
   CZelvarCssServer server(noCache);
   Minify(server, sheets);
+  CZelvarBuffer* output = server.GetOutput();
+  zelvarpack::cli::WriteOutput("", output->GetValue(), output->GetValueLength());
+  return 0;
+}
+
+// filter-css [--cache DIR] [--server-url URL] [--timeout S] --name URL FILE:
+// one stylesheet response through filter mode; the sprite sheets go to the
+// cache, the filtered sheet to standard output.
+int RunFilterCss(Arguments& args) {
+  std::string cache = ".";
+  std::string serverUrl;
+  std::string name;
+  bool haveName = false;
+  std::int32_t timeout = 2;
+  std::string path;
+  bool havePath = false;
+  while (!args.Done()) {
+    const std::string arg = args.Take();
+    if (arg == "--cache") {
+      cache = args.TakeValue(arg);
+    } else if (arg == "--server-url") {
+      serverUrl = args.TakeValue(arg);
+    } else if (arg == "--name") {
+      name = args.TakeValue(arg);
+      haveName = true;
+    } else if (arg == "--timeout") {
+      const std::string value = args.TakeValue(arg);
+      char* end = nullptr;
+      const long seconds = std::strtol(value.c_str(), &end, 10);
+      if (value.empty() || *end != '\0' || seconds < 0 || seconds > 3600) {
+        Fail("--timeout takes whole seconds from 0 to 3600");
+      }
+      timeout = static_cast<std::int32_t>(seconds);
+    } else if (Arguments::IsOption(arg)) {
+      Fail("unknown option " + arg);
+    } else if (havePath) {
+      Fail("only one stylesheet FILE may be given");
+    } else {
+      path = arg;
+      havePath = true;
+    }
+  }
+  if (!haveName) Fail("expected --name URL, the sheet's own address");
+  if (!havePath) Fail("expected the stylesheet FILE");
+  std::string bytes = zelvarpack::cli::ReadInput(path);
+  CZelvarCssServer server(cache.data());
+  server.SetIsFilter(timeout, serverUrl.data());
+  server.AddWork(name.data(), reinterpret_cast<unsigned char*>(bytes.data()),
+                 static_cast<std::int32_t>(bytes.size()));
+  server.DoWork();
   CZelvarBuffer* output = server.GetOutput();
   zelvarpack::cli::WriteOutput("", output->GetValue(), output->GetValueLength());
   return 0;

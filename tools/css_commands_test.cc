@@ -34,10 +34,13 @@ TEST_F(CssToolTest, CssTokensNamesEveryKind) {
             "[\"bad-url\"]\n[\"whitespace\"]\n[\"delim\", \"!\"]\n[\"whitespace\"]\n"
             "[\"number\", \"1\"]\n[\"whitespace\"]\n[\"percentage\", \"2\"]\n[\"delim\", \"%\"]\n"
             "[\"whitespace\"]\n[\"dimension\", \"3\", \"px\"]\n[\"whitespace\"]\n"
-            "[\"unicode-range\", \"10\", \"1F\"]\n[\"delim\", \"?\"]\n[\"whitespace\"]\n"
+            "[\"unicode-range\", \"1?\", \"\"]\n[\"whitespace\"]\n"
             "[\"comment\"]\n[\"CDO\"]\n[\"CDC\"]\n[\":\"]\n[\";\"]\n[\"[\"]\n[\"]\"]\n[\"(\"]\n"
             "[\")\"]\n[\"delim\", \"\\u00c3\"]\n[\"{\"]\n[\"}\"]\n");
-  EXPECT_EQ(RunTool("css-tokens < " + Sheet("\"a\\\"b\"")).out, "[\"string\", \"a\\\"b\", 0]\n");
+  EXPECT_EQ(RunTool("css-tokens < " + Sheet("\"a\\\"b\"")).out,
+            "[\"string\", \"a\\\\\\\"b\", 0]\n");
+  EXPECT_EQ(RunTool("css-tokens < " + Sheet("/*! MIT */1e3")).out,
+            "[\"comment\", \"! MIT \"]\n[\"number\", \"1e3\"]\n");
 }
 
 TEST_F(CssToolTest, MinifyCssNamesTheFirstSheetOnly) {
@@ -46,6 +49,18 @@ TEST_F(CssToolTest, MinifyCssNamesTheFirstSheetOnly) {
   EXPECT_EQ(RunTool("minify-css --name http://h.test/c/s.css " + a + " " + b).out,
             "p{b:url(http://h.test/c/x.png)} q{b:url(y.png)}");
   EXPECT_EQ(RunTool("minify-css " + a + " " + a).out, "p{b:url(x.png)}");  // one sheet per name
+}
+
+TEST_F(CssToolTest, FilterCssNeedsTheSheetsAddress) {
+  // With nothing to download it minifies; the sheet is not stored.
+  const std::string cache = dir_.File("filter");
+  const ToolRun run =
+      RunTool("filter-css --cache " + cache + " --timeout 0 --name http://h.test/c/s.css " +
+           Sheet("a { b : url(x.png) no-repeat ; width : 1px }"));
+  EXPECT_EQ(run.status, 0);
+  EXPECT_EQ(run.out, "a{b:url(http://h.test/c/x.png) no-repeat;width:1px}");
+  EXPECT_EQ(RunTool("filter-css " + Sheet("a{}")).status, 2);
+  EXPECT_EQ(RunTool("filter-css --name x --timeout -1 " + Sheet("a{}")).status, 2);
 }
 
 TEST_F(CssToolTest, CssStoreAndGetRoundTrip) {

@@ -30,11 +30,11 @@ TEST(SpriteTool, BuildsTheSameSheetInEveryRunAndReadsItBack) {
   ASSERT_EQ(out.rfind("gif {", 0), 0u) << out;
   const std::string id = out.substr(4, 38);
   // One line per image: key, four percentages, file. Stacked in a column
-  // 22 wide (the first image has a right margin of 2) and 88 tall.
-  EXPECT_NE(out.find(" 50.0000 1.5152 110.0000 400.0000 " + icons + "pie0.gif\n"),
-            std::string::npos)
+  // 22 wide (the first image has a right margin of 2) and 88 tall; the
+  // column at x = 0 has position 0.
+  EXPECT_NE(out.find(" 0.0000 0.0000 110.0000 400.0000 " + icons + "pie0.gif\n"), std::string::npos)
       << out;
-  EXPECT_NE(out.find(" 50.0000 33.3333 110.0000 400.0000 " + icons + "pie1.gif\n"),
+  EXPECT_NE(out.find(" 0.0000 33.3333 110.0000 400.0000 " + icons + "pie1.gif\n"),
             std::string::npos);
   EXPECT_NE(out.find("\njpg - no images\npng24 - no images\npng32 "), std::string::npos) << out;
   EXPECT_NE(out.find(" 0.0000 0.0000 100.0000 100.0000 " + icons + "a.png\n"), std::string::npos)

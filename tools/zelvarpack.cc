@@ -21,6 +21,9 @@ constexpr char kUsage[] =
     "  js get [--cache DIR] [--gzip] ID             write a stored script; gzip choice on stderr\n"
     "  css-tokens [FILE]                            print the CSS token stream as JSON lines\n"
     "  minify-css [--name URL] FILE...              write the sheets combined and minified\n"
+    "  filter-css [--cache DIR] [--server-url URL] [--timeout S] --name URL FILE\n"
+    "                                               minify one sheet, placing its background\n"
+    "                                               images in sprite sheets (stored in DIR)\n"
     "  css store [--cache DIR] [--name URL] FILE... store the minified sheets, print the id\n"
     "  css get [--cache DIR] [--gzip] ID            write a stored sheet; gzip choice on stderr\n"
     "  style STYLE-TEXT                             print what the style finder sees as JSON\n"
@@ -66,6 +69,7 @@ constexpr Command kCommands[] = {
     {"js", RunJs},
     {"css-tokens", RunCssTokens},
     {"minify-css", RunMinifyCss},
+    {"filter-css", RunFilterCss},
     {"css", RunCss},
     {"style", RunStyle},
     {"audio", RunAudio},

@@ -6,11 +6,13 @@
 // identifier; later GetMinifiedId(id, gzip) serves a stored sheet back,
 // gzipped when the caller accepts gzip and that form is smaller.
 //
-// Minifying happens token by token in the event operations below (this class
-// is the CSS constructor's receiver while DoWork runs): whitespace runs become
-// one space, whitespace around punctuation and comments disappear, and url
-// references are rewritten so that the combined sheet, served from a handler
-// URL, still reaches the same resources.
+// Minifying happens token by token, with no tree: whitespace disappears
+// where no browser can tell, comments vanish (licence notices "/*!" stay),
+// and url references are resolved against the sheet's address so that the
+// combined sheet, served from a handler URL, still reaches the same
+// resources. In filter mode the server also downloads the sheet's background
+// images and packs those it can into sprite sheets (cache/gif, cache/jpg,
+// cache/png), pointing the rules at them.
 //
 // Files: cache/css/<id> and its gzip twin cache/css/<id>.g, written once;
 // they appear whole under their final names. Any number of servers, in any
@@ -23,20 +25,20 @@
 #include <memory>
 #include <string>
 
-#include "zelvarpack/css_events.h"
 #include "zelvarpack/export.h"
 #include "zelvarpack/zelvar_buffer.h"
 
 namespace zelvarpack::css {
-class OutputText;
-struct CssServerState;
+class CssServerCore;
 }  // namespace zelvarpack::css
 
-class ZP_EXPORT CZelvarCssServer : public CCssConstructorEvents {
+class ZP_EXPORT CZelvarCssServer {
  public:
   // Copies `cacheDirectory`, the cache root (null counts as "").
   explicit CZelvarCssServer(char* cacheDirectory);
-  ~CZelvarCssServer() override;
+  // Does not wait for downloads still running in filter mode: they end on
+  // their own and touch nothing of the server's.
+  ~CZelvarCssServer();
   CZelvarCssServer(const CZelvarCssServer&) = delete;
   CZelvarCssServer& operator=(const CZelvarCssServer&) = delete;
 
@@ -55,11 +57,16 @@ class ZP_EXPORT CZelvarCssServer : public CCssConstructorEvents {
 
   // Switches the server to filter mode (one stylesheet response, output
   // served from memory, nothing written under cache/css) and keeps the
-  // settings: the time-out for url downloads and, when not null or empty,
-  // the server URL that sprite references start with.
+  // settings: the time-out for url downloads (seconds; 0 waits for none, so
+  // nothing is sprited) and, when not null or empty, the server URL that
+  // sprite references start with ("./IS.zp?" without one).
   void SetIsFilter(std::int32_t timeoutSeconds, char* serverUrl);
 
-  // Minifies the sheets, in the order they were added, into the output.
+  // Minifies the sheets, in the order they were added, into the output. In
+  // filter mode also downloads the background images (at most 16 at once)
+  // for up to the time-out and places in sprite sheets those whose rule
+  // shows them once, unrepeated, at the origin of a box of known pixel size
+  // without padding (see CanSprite in css/css_sprites.h).
   void DoWork();
 
   // The identifier of the output: IdFromNumber of its collate hash. Unless in
@@ -80,79 +87,15 @@ class ZP_EXPORT CZelvarCssServer : public CCssConstructorEvents {
   CZelvarBuffer* GetMinifiedId(std::string id, bool& gzip);
 
   // True once GetMinifiedId(id, gzip) has returned a gzip form; never cleared.
-  bool GetWasGzip() const { return wasGzip_ != 0; }
+  bool GetWasGzip() const;
 
   // The combined minified output of the last DoWork; owned by the server.
-  CZelvarBuffer* GetOutput() { return output_.get(); }
+  CZelvarBuffer* GetOutput();
 
   std::int32_t GetSheetCount() const;
 
-  // The minifier: each token of the sheet being tokenized, written in
-  // minified form to the current output text.
-  void OnCloseBrace(void* token) override;
-  void OnOpenBrace(void* token) override;
-  void OnCloseParen(void* token) override;
-  void OnOpenParen(void* token) override;
-  void OnCloseBracket(void* token) override;
-  void OnOpenBracket(void* token) override;
-  void OnSemicolon(void* token) override;
-  void OnColon(void* token) override;
-  void OnCdc(void* token) override;
-  void OnCdo(void* token) override;
-  void OnComment(void* token) override;
-  void OnWhitespace(void* token) override;
-  void OnUnicodeRange(CssTextPair* range) override;
-  void OnDimension(CssTextPair* dimension) override;
-  void OnPercentage(CssText* number) override;
-  void OnNumber(CssText* number) override;
-  void OnDelim(CssText* delim) override;
-  void OnBadUrl(void* token) override;
-  void OnUrl(CssQuotedText* url) override;
-  void OnBadString(void* token) override;
-  void OnString(CssQuotedText* string) override;
-  void OnHash(CssText* name) override;
-  void OnAtKeyword(CssText* name) override;
-  void OnFunction(CssText* name) override;
-  void OnIdent(CssText* ident) override;
-
  private:
-  // Writes a piece to the output text and, while capturing, to the capture
-  // text.
-  void Write(const unsigned char* bytes, std::size_t count);
-  void Write(const char* text, std::size_t count);
-  void Write(const CssText& text);
-  // Takes back the space the last whitespace token wrote, if it was the last
-  // thing written.
-  void DropTrailingSpace();
-  // The common end of a handler: no space is pending or suppressed, and the
-  // last token was not an at-keyword.
-  void ClearFlags() {
-    suppressSpace_ = 0;
-    trailingSpace_ = 0;
-    afterAtKeyword_ = 0;
-  }
-  // Punctuation: drops the trailing space, writes `text`, suppresses the
-  // whitespace that follows.
-  void WritePunctuation(const char* text, std::size_t count);
-  // Sets the base against which the url references of the next sheet are
-  // resolved, from the sheet's name.
-  void SetBase(const std::string& sheetName);
-  void WriteAddress(const CssText& address);
-  void AddSheet(std::string name, const unsigned char* bytes, std::int32_t length);
-  void ResetMinifier();
-
-  std::unique_ptr<zelvarpack::css::CssServerState> state_;
-  std::unique_ptr<CZelvarBuffer> output_;
-  // The current text entry's text, where the handlers write.
-  zelvarpack::css::OutputText* text_ = nullptr;
-  unsigned char suppressSpace_ = 0;
-  unsigned char trailingSpace_ = 0;
-  unsigned char afterAtKeyword_ = 0;
-  unsigned char lastIdentWasBackground_ = 0;
-  unsigned char capture_ = 0;
-  unsigned char storeCapture_ = 0;
-  unsigned char isFilter_ = 0;
-  unsigned char wasGzip_ = 0;
+  std::unique_ptr<zelvarpack::css::CssServerCore> core_;
 };
 
 #endif  // ZELVARPACK_ZELVAR_CSS_SERVER_H_
