@@ -58,8 +58,8 @@ bool ReadImageSize(std::string_view bytes, int& width, int& height) {
       continue;
     }
     const std::size_t length = (std::size_t{byte(at + 2)} << 8) | byte(at + 3);
-    const bool startOfFrame = marker >= 0xC0 && marker <= 0xCF && marker != 0xC4 &&
-                              marker != 0xC8 && marker != 0xCC;
+    const bool startOfFrame =
+        marker >= 0xC0 && marker <= 0xCF && marker != 0xC4 && marker != 0xC8 && marker != 0xCC;
     if (startOfFrame) {
       if (at + 9 > bytes.size()) return false;
       height = (byte(at + 5) << 8) | byte(at + 6);

@@ -40,7 +40,7 @@ enum class SegmentKind : std::uint32_t {
 
 struct PageSegment {
   SegmentKind kind = SegmentKind::kText;
-  html::TagRecord element;          // kinds other than kText
+  html::TagRecord element;  // kinds other than kText
   // kText: where its markup lies in PageState::markup, [textBegin, textEnd).
   std::size_t textBegin = 0;
   std::size_t textEnd = 0;

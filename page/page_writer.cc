@@ -108,11 +108,24 @@ std::string FormatPercent(double value) {
   return std::string(text, result.ptr);
 }
 
-void WritePage(PageState& page, std::string& out) {
+void WritePage(PageState& page, CZelvarBuffer& buffer) {
+  // Generated markup collects in `out` and goes to the buffer in pieces; the
+  // page's own text goes straight from the markup block, so a large page is
+  // copied once.
+  std::string out;
+  auto flush = [&out, &buffer] {
+    buffer.Append(reinterpret_cast<const unsigned char*>(out.data()),
+                  static_cast<std::int32_t>(out.size()));
+    out.clear();
+  };
   for (const PageSegment& segment : page.segments) {
+    if (out.size() >= 65536) flush();
     switch (segment.kind) {
       case SegmentKind::kText:
-        out.append(page.markup, segment.textBegin, segment.textEnd - segment.textBegin);
+        flush();
+        buffer.Append(
+            reinterpret_cast<const unsigned char*>(page.markup.data()) + segment.textBegin,
+            static_cast<std::int32_t>(segment.textEnd - segment.textBegin));
         break;
       case SegmentKind::kHeadStart:
         html::AppendTag(out, segment.element);
@@ -173,6 +186,7 @@ void WritePage(PageState& page, std::string& out) {
         break;
     }
   }
+  flush();
 }
 
 }  // namespace zelvarpack::page

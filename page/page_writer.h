@@ -22,7 +22,7 @@ std::string HandlerPrefix(const PageState& page, std::string_view handler);
 std::string FormatPercent(double value);
 
 // The whole new page, counting the requests and kept-image bytes it costs.
-void WritePage(PageState& page, std::string& out);
+void WritePage(PageState& page, CZelvarBuffer& buffer);
 
 }  // namespace zelvarpack::page
 

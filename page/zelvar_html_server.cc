@@ -344,12 +344,9 @@ void CZelvarHtmlServer::DoWork() {
   }
 
   // 7. Write the new page.
-  std::string out;
-  out.reserve(page.markup.size() + 256 * page.segments.size() + 4096);
-  zelvarpack::page::WritePage(page, out);
+  zelvarpack::page::WritePage(page, page.output);
   page.segments.clear();
   std::string().swap(page.markup);
-  AppendTo(page.output, out);
 
   // 8. Give downloads still running one more time-out to end.
   page.fetches->Join(std::chrono::steady_clock::now() + timeout);
