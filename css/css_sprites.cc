@@ -1,8 +1,10 @@
 #include "css/css_sprites.h"
 
 #include <charconv>
+#include <string_view>
 #include <vector>
 
+#include "image/image_header.h"
 #include "zelvarpack/zelvar_image_server.h"
 
 namespace zelvarpack::css {
@@ -78,6 +80,18 @@ void PlaceInSprites(CssServerState& state, const std::string& cacheDirectory) {
     if (!CanSprite(finder)) continue;
     const std::string width = Text(finder.Value(CStyleFinder::kWidth));
     const std::string height = Text(finder.Value(CStyleFinder::kHeight));
+    // A background is drawn at the picture's own size, while a sprite cell
+    // is scaled to the rule's box: only a picture exactly the box's size
+    // looks the same. A transparent PNG bound for an opaque (JPEG) sheet
+    // would turn white.
+    const std::string_view bytes(reinterpret_cast<const char*>(entry.downloaded->GetValue()),
+                                 static_cast<std::size_t>(entry.downloaded->GetValueLength()));
+    int naturalWidth = 0, naturalHeight = 0;
+    if (!zelvarpack::image::ReadImageSize(bytes, naturalWidth, naturalHeight) ||
+        std::to_string(naturalWidth) != width || std::to_string(naturalHeight) != height ||
+        zelvarpack::image::PngWouldLoseTransparency(bytes)) {
+      continue;
+    }
     const std::int32_t handle =
         images.AddImage(entry.downloaded->GetValue(), entry.downloaded->GetValueLength(),
                         width.c_str(), height.c_str(), "", "", "", "");

@@ -10,7 +10,7 @@
 #include "core/file_lock.h"
 #include "core/identifiers.h"
 #include "core/sha256.h"
-#include "page/image_checks.h"
+#include "image/image_header.h"
 #include "page/page_analysis.h"
 #include "page/page_state.h"
 #include "page/page_writer.h"
@@ -67,15 +67,21 @@ std::int32_t SizeOf(CZelvarBuffer* buffer) {
   return size;
 }
 
+// Images larger than this on either side are left as they are: a page's
+// stylesheets often size large pictures themselves (responsive widths,
+// object-fit), which a sprite background cannot follow, and next to their
+// bytes the request a sprite saves is small.
+constexpr int kMaxSpriteSide = 256;
+
 // Whether an image may become part of a sprite sheet: small enough, and
 // not a transparent PNG bound for an opaque sheet.
 bool SpriteMayShow(const PageSegment& segment, std::string_view bytes) {
-  if (zelvarpack::page::PngWouldLoseTransparency(bytes)) return false;
+  if (zelvarpack::image::PngWouldLoseTransparency(bytes)) return false;
   int width = 0, height = 0;
-  if (!zelvarpack::page::ReadImageSize(bytes, width, height)) return false;
+  if (!zelvarpack::image::ReadImageSize(bytes, width, height)) return false;
   if (!segment.declaredWidth.empty()) width = std::atoi(segment.declaredWidth.c_str());
   if (!segment.declaredHeight.empty()) height = std::atoi(segment.declaredHeight.c_str());
-  return width <= zelvarpack::page::kMaxSpriteSide && height <= zelvarpack::page::kMaxSpriteSide;
+  return width <= kMaxSpriteSide && height <= kMaxSpriteSide;
 }
 
 // A stylesheet group's identifier: from the warm memo when the same inputs

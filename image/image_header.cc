@@ -1,8 +1,8 @@
-#include "page/image_checks.h"
+#include "image/image_header.h"
 
 #include <cstdint>
 
-namespace zelvarpack::page {
+namespace zelvarpack::image {
 
 namespace {
 
@@ -72,4 +72,4 @@ bool ReadImageSize(std::string_view bytes, int& width, int& height) {
   return false;
 }
 
-}  // namespace zelvarpack::page
+}  // namespace zelvarpack::image

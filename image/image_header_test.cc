@@ -1,4 +1,4 @@
-#include "page/image_checks.h"
+#include "image/image_header.h"
 
 #include <gtest/gtest.h>
 
@@ -8,7 +8,7 @@
 
 namespace {
 
-using zelvarpack::page::PngWouldLoseTransparency;
+using zelvarpack::image::PngWouldLoseTransparency;
 
 std::string Chunk(const std::string& type, const std::string& data) {
   std::string out;
@@ -43,18 +43,18 @@ TEST(ImageChecks, TransparentPngsBoundForOpaqueSheetsAreKept) {
 TEST(ImageChecks, ReadsTheDeclaredSizeOfEachFormat) {
   const std::string site = std::string(ZP_SOURCE_DIR) + "/testdata/page/site/img/";
   int width = 0, height = 0;
-  ASSERT_TRUE(zelvarpack::page::ReadImageSize(ReadWholeFile(site + "folder.gif"), width, height));
+  ASSERT_TRUE(zelvarpack::image::ReadImageSize(ReadWholeFile(site + "folder.gif"), width, height));
   EXPECT_EQ(width, 20);
   EXPECT_EQ(height, 22);
-  ASSERT_TRUE(zelvarpack::page::ReadImageSize(ReadWholeFile(site + "a.png"), width, height));
+  ASSERT_TRUE(zelvarpack::image::ReadImageSize(ReadWholeFile(site + "a.png"), width, height));
   EXPECT_EQ(width, 20);
   EXPECT_EQ(height, 22);
-  ASSERT_TRUE(zelvarpack::page::ReadImageSize(ReadWholeFile(site + "photo.jpg"), width, height));
+  ASSERT_TRUE(zelvarpack::image::ReadImageSize(ReadWholeFile(site + "photo.jpg"), width, height));
   EXPECT_EQ(width, 320);
   EXPECT_EQ(height, 200);
   const std::string jpeg = ReadWholeFile(site + "icon.jpg");
-  EXPECT_FALSE(zelvarpack::page::ReadImageSize(jpeg.substr(0, 20), width, height));
-  EXPECT_FALSE(zelvarpack::page::ReadImageSize("not an image", width, height));
+  EXPECT_FALSE(zelvarpack::image::ReadImageSize(jpeg.substr(0, 20), width, height));
+  EXPECT_FALSE(zelvarpack::image::ReadImageSize("not an image", width, height));
 }
 
 TEST(ImageChecks, RealIconsAreJudgedByTheirChunks) {

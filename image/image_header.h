@@ -1,10 +1,12 @@
-// Checks on a fetched image before it may become part of a sprite sheet.
-#ifndef ZELVARPACK_PAGE_IMAGE_CHECKS_H_
-#define ZELVARPACK_PAGE_IMAGE_CHECKS_H_
+// What an image file's header tells without decoding it: its declared size,
+// and whether a PNG would lose its transparency in an opaque sheet. Used to
+// decide, before any decoding, whether an image may join a sprite sheet.
+#ifndef ZELVARPACK_IMAGE_IMAGE_HEADER_H_
+#define ZELVARPACK_IMAGE_IMAGE_HEADER_H_
 
 #include <string_view>
 
-namespace zelvarpack::page {
+namespace zelvarpack::image {
 
 // True for a PNG that has transparency (an alpha channel, or a tRNS chunk)
 // but would be packed into an opaque sheet: PNGs without a bKGD chunk are
@@ -16,12 +18,6 @@ bool PngWouldLoseTransparency(std::string_view bytes);
 // without decoding; false for anything else or a header cut short.
 bool ReadImageSize(std::string_view bytes, int& width, int& height);
 
-// Images larger than this on either side are left as they are: a page's
-// stylesheets often size large pictures themselves (responsive widths,
-// object-fit), which a sprite background cannot follow, and next to their
-// bytes the request a sprite saves is small.
-inline constexpr int kMaxSpriteSide = 256;
+}  // namespace zelvarpack::image
 
-}  // namespace zelvarpack::page
-
-#endif  // ZELVARPACK_PAGE_IMAGE_CHECKS_H_
+#endif  // ZELVARPACK_IMAGE_IMAGE_HEADER_H_
