@@ -4,6 +4,7 @@
 #define ZELVARPACK_HTML_ASCII_H_
 
 #include <cstddef>
+#include <string_view>
 
 namespace zelvarpack::html {
 
@@ -23,6 +24,17 @@ constexpr bool IsHtmlSpace(unsigned char c) {
 
 // True when bytes[0, n) equals literal[0, n) ignoring ASCII case.
 // REQUIRES: both ranges hold at least n bytes.
+// `text` without the HTML whitespace at either end.
+inline std::string_view TrimHtmlSpace(std::string_view text) {
+  while (!text.empty() && IsHtmlSpace(static_cast<unsigned char>(text.front()))) {
+    text.remove_prefix(1);
+  }
+  while (!text.empty() && IsHtmlSpace(static_cast<unsigned char>(text.back()))) {
+    text.remove_suffix(1);
+  }
+  return text;
+}
+
 inline bool EqualsIgnoringAsciiCase(const unsigned char* bytes, const char* literal,
                                     std::size_t n) {
   for (std::size_t i = 0; i < n; ++i) {

@@ -121,12 +121,7 @@ std::optional<PageAddress> ParsePageAddress(std::string_view text) {
 }
 
 std::string CleanReference(std::string_view reference) {
-  while (!reference.empty() && html::IsHtmlSpace(static_cast<unsigned char>(reference.front()))) {
-    reference.remove_prefix(1);
-  }
-  while (!reference.empty() && html::IsHtmlSpace(static_cast<unsigned char>(reference.back()))) {
-    reference.remove_suffix(1);
-  }
+  reference = html::TrimHtmlSpace(reference);
   std::string kept;
   kept.reserve(reference.size());
   for (char c : reference) {

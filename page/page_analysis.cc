@@ -56,16 +56,6 @@ bool IsPixelCount(std::string_view text) {
   return true;
 }
 
-std::string_view Trimmed(std::string_view text) {
-  while (!text.empty() && html::IsHtmlSpace(static_cast<unsigned char>(text.front()))) {
-    text.remove_prefix(1);
-  }
-  while (!text.empty() && html::IsHtmlSpace(static_cast<unsigned char>(text.back()))) {
-    text.remove_suffix(1);
-  }
-  return text;
-}
-
 void WriteTag(PageState& page, const HtmlTagToken& tag) {
   html::AppendTag(*page.text, tag);
   page.lastTextWasBlank = false;
@@ -125,12 +115,13 @@ bool TakeImage(PageState& page, const TagRecord& tag) {
   if (!ClientTakesSprites(page)) return false;
   if (!SwitchAllows(page.imagesOn, tag, "zp_image_on", "zp_image_off")) return false;
   const std::string_view src = ValueOf(tag.FindLast("src"));
-  if (Trimmed(src).empty() || StartsWithIgnoringCase(Trimmed(src), "data:")) return false;
+  if (html::TrimHtmlSpace(src).empty() || StartsWithIgnoringCase(html::TrimHtmlSpace(src), "data:"))
+    return false;
   // A srcset makes the browser load its own choice over the placeholder.
   if (tag.Find("srcset") != nullptr) return false;
 
-  std::string width(Trimmed(ValueOf(tag.Find("width"))));
-  std::string height(Trimmed(ValueOf(tag.Find("height"))));
+  std::string width(html::TrimHtmlSpace(ValueOf(tag.Find("width"))));
+  std::string height(html::TrimHtmlSpace(ValueOf(tag.Find("height"))));
   if (const AttributeRecord* style = tag.Find("style")) {
     CStyleFinder finder;
     std::string copy = style->value;
@@ -170,12 +161,12 @@ bool TakeLink(PageState& page, const TagRecord& tag) {
   if (!SwitchAllows(page.cssOn, tag, "zp_css_on", "zp_css_off")) return false;
   if (!HasNoId(tag)) return false;
   const std::string_view href = ValueOf(tag.FindLast("href"));
-  if (Trimmed(href).empty()) return false;
+  if (html::TrimHtmlSpace(href).empty()) return false;
   if (!MediaAllows(tag.Find("media"))) return false;
   const AttributeRecord* rel = tag.Find("rel");
-  if (rel == nullptr || !Is(Trimmed(rel->value), "stylesheet")) return false;
+  if (rel == nullptr || !Is(html::TrimHtmlSpace(rel->value), "stylesheet")) return false;
   const AttributeRecord* type = tag.Find("type");
-  if (type != nullptr && !Is(Trimmed(type->value), "text/css")) return false;
+  if (type != nullptr && !Is(html::TrimHtmlSpace(type->value), "text/css")) return false;
   return AddFetchedSegment(page, SegmentKind::kStylesheet, tag, href);
 }
 
@@ -183,7 +174,7 @@ bool TakeStyle(PageState& page, const TagRecord& tag) {
   if (!SwitchAllows(page.cssOn, tag, "zp_css_on", "zp_css_off")) return false;
   if (!HasNoId(tag) || !MediaAllows(tag.Find("media"))) return false;
   const AttributeRecord* type = tag.Find("type");
-  if (type != nullptr && !Is(Trimmed(type->value), "text/css")) return false;
+  if (type != nullptr && !Is(html::TrimHtmlSpace(type->value), "text/css")) return false;
   page.inlineStyles->BeginInlineWork();
   page.inlineStylesDigest.UpdatePiece("<style>");
   page.inlineStylesUsed = true;
@@ -213,7 +204,7 @@ bool TakeScript(PageState& page, const TagRecord& tag) {
   if (type != nullptr && !IsJavaScriptType(type->value)) return false;
   const std::string_view src = ValueOf(tag.FindLast("src"));
   if (tag.FindLast("src") != nullptr) {
-    if (Trimmed(src).empty()) return false;
+    if (html::TrimHtmlSpace(src).empty()) return false;
     if (!AddFetchedSegment(page, SegmentKind::kScript, tag, src)) return false;
     page.insideFetchedScript = true;
     return true;

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 
@@ -104,6 +105,16 @@ int ReportStored(const char* command, const std::string& id, CZelvarBuffer* byte
   WriteOutput("", owned->GetValue(), owned->GetValueLength());
   std::fprintf(stderr, "{\"gzip\": %s}\n", wasGzip ? "true" : "false");
   return 0;
+}
+
+std::int32_t ParseSeconds(const std::string& text) {
+  errno = 0;
+  char* end = nullptr;
+  const long long value = std::strtoll(text.c_str(), &end, 10);
+  if (text.empty() || *end != '\0' || errno == ERANGE || value < 0 || value > 2147483) {
+    Fail("'" + text + "' is not a number of seconds from 0 to 2147483");
+  }
+  return static_cast<std::int32_t>(value);
 }
 
 }  // namespace zelvarpack::cli

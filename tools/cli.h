@@ -47,6 +47,10 @@ void AppendJsonString(std::string& out, const std::string& bytes);
 
 [[noreturn]] void Fail(const std::string& message);
 
+// A whole number of seconds from 0 to 2147483 (the downloads' time-outs);
+// anything else is a usage error.
+std::int32_t ParseSeconds(const std::string& text);
+
 // Writes `bytes` to FILE, or to standard output when `path` is empty; throws
 // std::runtime_error when the bytes cannot be written.
 void WriteOutput(const std::string& path, const unsigned char* bytes, std::int32_t count);

@@ -56,7 +56,7 @@ TEST_F(CssToolTest, FilterCssNeedsTheSheetsAddress) {
   const std::string cache = dir_.File("filter");
   const ToolRun run =
       RunTool("filter-css --cache " + cache + " --timeout 0 --name http://h.test/c/s.css " +
-           Sheet("a { b : url(x.png) no-repeat ; width : 1px }"));
+              Sheet("a { b : url(x.png) no-repeat ; width : 1px }"));
   EXPECT_EQ(run.status, 0);
   EXPECT_EQ(run.out, "a{b:url(http://h.test/c/x.png) no-repeat;width:1px}");
   EXPECT_EQ(RunTool("filter-css " + Sheet("a{}")).status, 2);

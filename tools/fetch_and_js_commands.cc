@@ -13,21 +13,12 @@
 
 using zelvarpack::cli::Arguments;
 using zelvarpack::cli::Fail;
+using zelvarpack::cli::ParseSeconds;
 using zelvarpack::cli::StoredGetArguments;
 
 namespace {
 
 constexpr std::int32_t kDefaultTimeoutSeconds = 30;
-
-std::int32_t ParseSeconds(const std::string& text) {
-  errno = 0;
-  char* end = nullptr;
-  const long long value = std::strtoll(text.c_str(), &end, 10);
-  if (text.empty() || *end != '\0' || errno == ERANGE || value < 0 || value > 2147483) {
-    Fail("'" + text + "' is not a number of seconds from 0 to 2147483");
-  }
-  return static_cast<std::int32_t>(value);
-}
 
 struct BufferDeleter {
   void operator()(CZelvarBuffer* buffer) const { delete buffer; }

@@ -12,6 +12,7 @@
 
 using zelvarpack::cli::Arguments;
 using zelvarpack::cli::Fail;
+using zelvarpack::cli::ParseSeconds;
 
 namespace {
 
@@ -35,16 +36,6 @@ struct Options {
   std::string clientAddress;
   std::string output;
 };
-
-std::int32_t ParseSeconds(const std::string& text) {
-  errno = 0;
-  char* end = nullptr;
-  const long long value = std::strtoll(text.c_str(), &end, 10);
-  if (text.empty() || *end != '\0' || errno == ERANGE || value < 0 || value > 2147483) {
-    Fail("'" + text + "' is not a number of seconds from 0 to 2147483");
-  }
-  return static_cast<std::int32_t>(value);
-}
 
 Options Parse(Arguments& args) {
   Options options;

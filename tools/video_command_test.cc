@@ -6,7 +6,7 @@
 
 #include "media/video_test_frames.h"
 #include "tests/temp_dir.h"
-#include "tests/tool_run.h"
+#include "tests/tool_runner.h"
 
 namespace {
 
@@ -21,7 +21,8 @@ TEST(VideoCommand, PacksFramesAndRebuildsOneAsPng) {
   WriteWholeFile(a, AsJpeg(image::NewCanvas(1920, 1080, 30, 30, 30, 255)));
   WriteWholeFile(b, AsPng(image::NewCanvas(1920, 1080, 200, 100, 50, 255)));
   const std::string files = " --index " + dir.File("i") + " --data " + dir.File("d");
-  const ToolRun pack = RunTool("video pack --work " + dir.File("work") + files + " " + a + " " + b);
+  const ToolRun pack = RunTool("video pack --work " + dir.File("work") + files + " " + a + " " + b,
+                               ToolErrors::kMerged);
   ASSERT_EQ(pack.status, 0) << pack.out;
   const auto inputBytes = std::filesystem::file_size(a) + std::filesystem::file_size(b);
   const auto outputBytes =
@@ -33,7 +34,7 @@ TEST(VideoCommand, PacksFramesAndRebuildsOneAsPng) {
                           std::to_string(outputBytes - 2250) + ")\n");
 
   const std::string png = dir.File("out.png");
-  const ToolRun frame = RunTool("video frame" + files + " 1 -o " + png);
+  const ToolRun frame = RunTool("video frame" + files + " 1 -o " + png, ToolErrors::kMerged);
   ASSERT_EQ(frame.status, 0) << frame.out;
   const image::RgbaImage rebuilt = zelvarpack::testing::Decode(ReadWholeFile(png));
   ASSERT_EQ(rebuilt.width, 1920);
@@ -41,17 +42,19 @@ TEST(VideoCommand, PacksFramesAndRebuildsOneAsPng) {
   EXPECT_NEAR(rebuilt.At(1000, 500)[0], 200, 2);
   EXPECT_NEAR(rebuilt.At(1000, 500)[2], 50, 2);
 
-  const ToolRun missing = RunTool("video frame" + files + " 2 -o " + png);
+  const ToolRun missing = RunTool("video frame" + files + " 2 -o " + png, ToolErrors::kMerged);
   EXPECT_EQ(missing.status, 1);
   EXPECT_EQ(missing.out, "zelvarpack video: frame 2 is not in the index (2 frames)\n");
   WriteWholeFile(b, "not a picture");
-  const ToolRun bad = RunTool("video pack --work " + dir.File("work") + files + " " + b);
+  const ToolRun bad =
+      RunTool("video pack --work " + dir.File("work") + files + " " + b, ToolErrors::kMerged);
   EXPECT_EQ(bad.status, 1);
   EXPECT_EQ(bad.out, "zelvarpack video: " + b + ": Invalid file.\n");
-  EXPECT_EQ(RunTool("video pack" + files + " " + a).status, 2) << "no work folder";
-  EXPECT_EQ(RunTool("video frame" + files + " x -o " + png).status, 2);
-  EXPECT_EQ(RunTool("video frame" + files + " 0").status, 2) << "no -o";
-  EXPECT_EQ(RunTool("video play").status, 2);
+  EXPECT_EQ(RunTool("video pack" + files + " " + a, ToolErrors::kMerged).status, 2)
+      << "no work folder";
+  EXPECT_EQ(RunTool("video frame" + files + " x -o " + png, ToolErrors::kMerged).status, 2);
+  EXPECT_EQ(RunTool("video frame" + files + " 0", ToolErrors::kMerged).status, 2) << "no -o";
+  EXPECT_EQ(RunTool("video play", ToolErrors::kMerged).status, 2);
 }
 
 }  // namespace
