@@ -108,8 +108,9 @@ struct PageState {
   // What decides the inline style group's output, for the warm memo.
   Sha256 inlineStylesDigest;
 
-  // Last member but one: the downloads end (or are left) before anything
-  // above goes.
+  // The page's downloads. They touch nothing of the page but their own jobs;
+  // the pool's destructor gives those still running one more time-out and
+  // then leaves them to end on their own.
   std::unique_ptr<FetchPool> fetches;
 
   // The segments in page order. The last one is always a kText segment; its
