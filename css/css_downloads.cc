@@ -4,6 +4,7 @@
 #include <thread>
 #include <utility>
 
+#include "core/background_work.h"
 #include "zelvarpack/zelvar_utils.h"
 
 namespace zelvarpack::css {
@@ -33,12 +34,15 @@ void CssDownloads::Start(std::shared_ptr<CssOutputEntry> entry) {
   ++running_;
   lock.unlock();
   threads.fetch_add(1);
+  zelvarpack::BeginBackgroundWork();
   try {
     std::thread([self = shared_from_this(), entry = std::move(entry)]() mutable {
       self->Run(std::move(entry));
+      zelvarpack::EndBackgroundWork();
     }).detach();
   } catch (const std::system_error&) {
     // No thread to be had: the entry is simply never downloaded.
+    zelvarpack::EndBackgroundWork();
     threads.fetch_sub(1);
     lock.lock();
     --running_;

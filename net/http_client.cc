@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "core/background_work.h"
+
 namespace zelvarpack::net {
 
 namespace {
@@ -109,7 +111,8 @@ int OnProgress(void* user, curl_off_t, curl_off_t downloaded, curl_off_t, curl_o
       now - transfer->lastActivity > transfer->timeout) {
     return 1;
   }
-  return 0;
+  // The program is ending: no transfer may outlive the libraries under it.
+  return zelvarpack::BackgroundWorkStopping() ? 1 : 0;
 }
 
 struct EasyDeleter {

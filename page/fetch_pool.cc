@@ -5,6 +5,7 @@
 #include <thread>
 #include <utility>
 
+#include "core/background_work.h"
 #include "zelvarpack/zelvar_utils.h"
 
 namespace zelvarpack::page {
@@ -80,9 +81,11 @@ std::shared_ptr<FetchJob> FetchPool::Start(std::string publicUrl, std::string fe
 }
 
 void FetchPool::StartThread() {
+  BeginBackgroundWork();
   try {
     std::thread(RunDownloads, shared_).detach();
   } catch (const std::system_error&) {
+    EndBackgroundWork();
     // No thread to be had: the queued jobs wait for a running thread, or,
     // when none runs, end unfetched so that nobody waits for them.
     std::lock_guard<std::mutex> lock(shared_->mutex);
@@ -110,6 +113,8 @@ void FetchPool::RunDownloads(std::shared_ptr<Shared> shared) {
   }
   --shared->running;
   shared->changed.notify_all();
+  lock.unlock();
+  EndBackgroundWork();
 }
 
 void FetchPool::WaitUntilFinished(std::chrono::steady_clock::time_point deadline) {

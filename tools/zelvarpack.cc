@@ -1,9 +1,11 @@
 // zelvarpack: the command-line face of the engine.
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <exception>
 #include <string>
 
+#include "core/background_work.h"
 #include "tools/cli.h"
 
 namespace {
@@ -91,7 +93,10 @@ int main(int argc, char** argv) {
     if (std::strcmp(argv[1], command.name) != 0) continue;
     try {
       zelvarpack::cli::Arguments args(argc, argv, 2);
-      return command.run(args);
+      const int status = command.run(args);
+      // Downloads a page stopped waiting for must end before the program.
+      zelvarpack::StopBackgroundWork(std::chrono::seconds(10));
+      return status;
     } catch (const zelvarpack::cli::UsageError& error) {
       std::fprintf(stderr, "zelvarpack %s: %s\n", command.name, error.what());
       return 2;
