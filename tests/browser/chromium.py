@@ -557,6 +557,17 @@ class Browser:
         shutil.rmtree(self._profile, ignore_errors=True)
 
 
+def why_sites_cannot_run():
+    """Why a test that serves a site on port 80 of a loopback address (the
+    engine's downloads always use the scheme's default port) and loads it in
+    Chromium cannot run here, or None when it can."""
+    if not find_chromium():
+        return "chromium is not installed (scripts/install-deps.sh installs it)"
+    if os.geteuid() != 0:
+        return "the site must be served on port 80, which needs root"
+    return None
+
+
 def loopback_address(kind):
     """A loopback address for this process, as the C++ tests make theirs:
     127.(kind<<6 | pid>>16 & 63).(pid>>8 & 255).(pid & 255). `kind` (0 to 3)

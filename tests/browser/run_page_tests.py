@@ -145,11 +145,9 @@ def main(argv):
     parser.add_argument("--height", type=int, default=800)
     args = parser.parse_args(argv)
 
-    if not chromium.find_chromium():
-        print("SKIPPED: chromium is not installed (scripts/install-deps.sh installs it)")
-        return SKIP
-    if os.geteuid() != 0:
-        print("SKIPPED: the site must be served on port 80, which needs root")
+    reason = chromium.why_sites_cannot_run()
+    if reason:
+        print("SKIPPED: " + reason)
         return SKIP
 
     work = tempfile.mkdtemp(prefix="zp-browser-")
