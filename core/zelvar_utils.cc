@@ -3,6 +3,7 @@
 #include <chrono>
 #include <thread>
 
+#include "core/background_work.h"
 #include "core/file_lock.h"
 
 namespace {
@@ -31,4 +32,9 @@ FILE* CZelvarUtils::OpenFileForReading(std::string path) {
 
 FILE* CZelvarUtils::OpenFileForWriting(std::string path) {
   return OpenWaiting(path, zelvarpack::FileShare::kAlone);
+}
+
+bool CZelvarUtils::StopBackgroundWork(std::int32_t timeoutMilliseconds) {
+  return zelvarpack::StopBackgroundWork(
+      std::chrono::milliseconds(timeoutMilliseconds < 0 ? 0 : timeoutMilliseconds));
 }

@@ -33,6 +33,13 @@ class ZP_EXPORT CZelvarUtils {
   // never be opened: create the folders first. The caller closes it.
   static FILE* OpenFileForWriting(std::string path);
 
+  // Ends the library's background downloads before a host unloads it or
+  // exits: transfers still running give up at their next progress check and
+  // the call waits for the last download thread, at most `timeoutMilliseconds`.
+  // Returns whether none is left running. Thread-safe; later work runs as
+  // usual.
+  static bool StopBackgroundWork(std::int32_t timeoutMilliseconds);
+
   // Fetches `url` with one GET over a fresh connection (redirects followed,
   // cookies and authentication off) and returns a new buffer with the
   // decoded body, owned by the caller; it is never null and is empty on any
