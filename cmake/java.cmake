@@ -98,6 +98,17 @@ add_test(NAME java.bridge
 add_test(NAME java.leak
          COMMAND ${ZP_JAVA_RUN} -Xms128m -Xmx128m -XX:+AlwaysPreTouch -cp ${ZP_JAVA_TEST_CLASSPATH}
                  org.junit.runner.JUnitCore com.zelvarpack.LeakTest)
+# Native allocation failure under an address-space limit small enough to
+# reach and large enough for a JVM with small reservations.
+find_program(ZP_PRLIMIT prlimit)
+if(ZP_PRLIMIT)
+  add_test(NAME java.out_of_memory
+           COMMAND ${ZP_PRLIMIT} --as=1887436800 ${ZP_JAVA_RUN} -Xmx64m -XX:MaxDirectMemorySize=2g -XX:+UseSerialGC
+                   -XX:ReservedCodeCacheSize=32m -XX:CompressedClassSpaceSize=32m
+                   -XX:MaxMetaspaceSize=64m -cp ${ZP_JAVA_TEST_CLASSPATH}
+                   org.junit.runner.JUnitCore com.zelvarpack.OutOfMemoryTest)
+  set_tests_properties(java.out_of_memory PROPERTIES LABELS java TIMEOUT 120)
+endif()
 set_tests_properties(java.bridge PROPERTIES LABELS java TIMEOUT 120)
 set_tests_properties(java.leak PROPERTIES LABELS java TIMEOUT 300)
 

@@ -226,7 +226,7 @@ public class BridgeTest {
     String gifId = "{11111111-2222-3333-4444-555555555555}";
     String jpgId = "{11111111-2222-3333-4444-666666666666}";
     String pngId = "{11111111-2222-3333-4444-777777777777}";
-    byte[] gif = JavaTestSupport.gif(300);
+    byte[] gif = JavaTestSupport.sheet(300);
     byte[] jpg = {(byte) 0xFF, (byte) 0xD8, (byte) 0xFF, 0x11, 0x22};
     byte[] png = {(byte) 0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n', 7};
     for (String[] sheet : new String[][] {{"gif", gifId}, {"jpg", jpgId}, {"png", pngId}}) {

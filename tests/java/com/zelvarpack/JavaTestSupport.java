@@ -1,7 +1,6 @@
 package com.zelvarpack;
 
 import java.io.ByteArrayInputStream;
-import java.io.ByteArrayOutputStream;
 import java.io.IOException;
 import java.io.InputStream;
 import java.nio.ByteBuffer;
@@ -82,62 +81,14 @@ final class JavaTestSupport {
     }
   }
 
-  /** A small GIF of `width` x 1 pixels, every index 0 (a valid file, not a tiny one). */
-  static byte[] gif(int width) {
-    ByteArrayOutputStream out = new ByteArrayOutputStream();
-    out.writeBytes("GIF89a".getBytes(StandardCharsets.US_ASCII));
-    out.write(width & 0xFF);
-    out.write(width >> 8);
-    out.write(1);
-    out.write(0);
-    out.write(0x80);  // a global table of two colours
-    out.write(0);
-    out.write(0);
-    out.writeBytes(new byte[] {0, 0, 0, (byte) 255, (byte) 255, (byte) 255});
-    out.writeBytes(new byte[] {0x2C, 0, 0, 0, 0});
-    out.write(width & 0xFF);
-    out.write(width >> 8);
-    out.writeBytes(new byte[] {1, 0, 0, 2});
-    // Uncompressed LZW: a clear code before every run of codes keeps the
-    // code size at 3 bits; simplest is one clear per pixel (code 4, then 0).
-    BitWriter bits = new BitWriter();
-    for (int i = 0; i < width; ++i) {
-      bits.write(4, 3);
-      bits.write(0, 3);
-    }
-    bits.write(5, 3);
-    byte[] data = bits.bytes();
-    for (int at = 0; at < data.length; at += 255) {
-      int n = Math.min(255, data.length - at);
-      out.write(n);
-      out.write(data, at, n);
-    }
-    out.write(0);
-    out.write(0x3B);
-    return out.toByteArray();
-  }
-
-  private static final class BitWriter {
-    private final ByteArrayOutputStream out = new ByteArrayOutputStream();
-    private int current;
-    private int filled;
-
-    void write(int code, int size) {
-      for (int i = 0; i < size; ++i) {
-        current |= ((code >> i) & 1) << filled;
-        if (++filled == 8) {
-          out.write(current);
-          current = 0;
-          filled = 0;
-        }
-      }
-    }
-
-    byte[] bytes() {
-      if (filled > 0) out.write(current);
-      filled = 0;
-      current = 0;
-      return out.toByteArray();
-    }
+  /**
+   * Bytes standing for a stored sheet: a GIF signature and `size` bytes of
+   * fixed-seed noise. The getters and the bridge copy them without decoding.
+   */
+  static byte[] sheet(int size) {
+    byte[] bytes = new byte[size];
+    new java.util.Random(7).nextBytes(bytes);
+    System.arraycopy("GIF89a".getBytes(StandardCharsets.US_ASCII), 0, bytes, 0, 6);
+    return bytes;
   }
 }

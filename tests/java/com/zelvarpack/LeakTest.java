@@ -19,7 +19,7 @@ import org.junit.Test;
 /**
  * 10,000 cycles of every handle kind, created, used and destroyed, leave the
  * process's resident memory where it was after a warm-up. Each cycle moves
- * enough native memory (a 40 KB page, a 45 KB sheet, the stored sheet and
+ * enough native memory (a 40 KB page, a 48 KB sheet, the stored sheet and
  * script) that one object left behind per cycle would add hundreds of MB.
  */
 public class LeakTest {
@@ -34,7 +34,7 @@ public class LeakTest {
       byte[] page = inlinePage(600).getBytes(StandardCharsets.UTF_8);
       String gifId = "{0F0F0F0F-1234-5678-9ABC-DEF012345678}";
       Files.createDirectories(cache.resolve("gif"));
-      Files.write(cache.resolve("gif").resolve(gifId), JavaTestSupport.gif(60_000));
+      Files.write(cache.resolve("gif").resolve(gifId), JavaTestSupport.sheet(48 * 1024));
       ByteBuffer pageBuffer = direct(page);
 
       // The first cycle stores the sheet and the script; every later one
