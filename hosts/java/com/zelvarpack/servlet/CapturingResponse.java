@@ -15,9 +15,9 @@ import javax.servlet.http.HttpServletResponseWrapper;
 
 /**
  * Holds back the body of a response (and its Content-Length) while the
- * application writes it, up to a limit; past the limit, or once the
- * application flushes a response that is not a page, it lets the rest go
- * straight through. Headers and status go to the real response as they are
+ * application writes it, up to a limit; past the limit, once the
+ * application flushes a response that is not a page, or when it writes
+ * without blocking, it lets the rest go straight through. Headers and status go to the real response as they are
  * set.
  */
 final class CapturingResponse extends HttpServletResponseWrapper {
@@ -90,12 +90,24 @@ final class CapturingResponse extends HttpServletResponseWrapper {
 
         @Override
         public boolean isReady() {
-          return true;
+          if (!passing) return true;
+          try {
+            return real.getOutputStream().isReady();
+          } catch (IOException e) {
+            return false;
+          }
         }
 
+        // Non-blocking output is not held back: the response goes through
+        // as the application writes it.
         @Override
         public void setWriteListener(WriteListener listener) {
-          throw new IllegalStateException("the page is held back: blocking writes only");
+          try {
+            passThrough();
+            real.getOutputStream().setWriteListener(listener);
+          } catch (IOException e) {
+            throw new IllegalStateException(e);
+          }
         }
       };
     }
