@@ -72,7 +72,8 @@ if(NOT ZP_TESTS)
 endif()
 
 get_target_property(ZP_JAR_FILE zelvarpack_jar JAR_FILE)
-set(ZP_JAVA_RUN ${Java_JAVA_EXECUTABLE} -Xcheck:jni -Djava.library.path=$<TARGET_FILE_DIR:ZelvarPackCore>
+set(ZP_JAVA_RUN ${Java_JAVA_EXECUTABLE} -Xcheck:jni -Dzelvarpack.source=${CMAKE_SOURCE_DIR}
+                -Djava.library.path=$<TARGET_FILE_DIR:ZelvarPackCore>
                 -Dzelvarpack.library=$<TARGET_FILE:ZelvarPackCore>)
 
 if(NOT ZP_JUNIT_JAR OR NOT ZP_HAMCREST_JAR)

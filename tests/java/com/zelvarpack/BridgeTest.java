@@ -35,6 +35,7 @@ import org.junit.Test;
 
 /** The Java surface on a real virtual machine: every method, and the marshalling rules. */
 public class BridgeTest {
+  private static final String SPRITE_PLACEHOLDER = "IS.zp?{2F50498C-8605-468F-991E-AEABAA95E643}";
   private static final String UNKNOWN_ID = "{00000000-0000-0000-0000-000000000001}";
   private Path cache;
 
@@ -266,18 +267,24 @@ public class BridgeTest {
     }
   }
 
-  @Test
-  public void downloadUrlReturnsTheDecodedBodyAndEmptyOnFailure() throws IOException {
-    // Downloads use the scheme's port, so the test server takes port 80 on
-    // a loopback address of its own (this needs the privileges to do so).
-    InetAddress address = LoopbackAddresses.forThisProcess(1);
-    HttpServer http;
+  /**
+   * An HTTP server on port 80 of a loopback address of this process (the
+   * engine's downloads use the scheme's port), or the test is skipped when
+   * that port cannot be had.
+   */
+  private static HttpServer portEightyServer(InetAddress address) {
     try {
-      http = HttpServer.create(new InetSocketAddress(address, 80), 0);
+      return HttpServer.create(new InetSocketAddress(address, 80), 0);
     } catch (IOException e) {
       Assume.assumeNoException("port 80 on " + address.getHostAddress() + " is not ours", e);
-      return;
+      return null;
     }
+  }
+
+  @Test
+  public void downloadUrlReturnsTheDecodedBodyAndEmptyOnFailure() throws IOException {
+    InetAddress address = LoopbackAddresses.forThisProcess(1);
+    HttpServer http = portEightyServer(address);
     byte[] body = inlinePage(50).getBytes(StandardCharsets.UTF_8);
     AtomicReference<String> agent = new AtomicReference<>();
     http.createContext("/zipped", exchange -> {
@@ -307,6 +314,76 @@ public class BridgeTest {
       assertEquals(0, CZelvarUtils.DownloadUrl(utils, null, 10).length);
     } finally {
       CZelvarUtils.Destroy(utils);
+      http.stop(0);
+    }
+  }
+
+  @Test
+  public void theOptimiserKeepsItsOwnCopiesOfTheForwardedTexts() throws IOException {
+    InetAddress address = LoopbackAddresses.forThisProcess(2);
+    HttpServer http = portEightyServer(address);
+    java.util.Map<String, String> seen = new java.util.concurrent.ConcurrentHashMap<>();
+    Path images = Path.of(System.getProperty("zelvarpack.source"), "testdata", "site", "img");
+    http.createContext("/", exchange -> {
+      for (String name : new String[] {"User-Agent", "Accept-Language", "Accept-Charset"}) {
+        String value = exchange.getRequestHeaders().getFirst(name);
+        if (value != null) seen.put(name, value);
+      }
+      String path = exchange.getRequestURI().getPath();
+      byte[] body = path.equals("/a.css") ? "p{color:red}".getBytes(StandardCharsets.US_ASCII)
+          : Files.readAllBytes(images.resolve(path.substring(path.lastIndexOf('/') + 1)));
+      exchange.sendResponseHeaders(200, body.length);
+      try (OutputStream out = exchange.getResponseBody()) {
+        out.write(body);
+      }
+    });
+    http.start();
+    try {
+      String pageUrl = "http://" + address.getHostAddress() + "/page.html";
+      StringBuilder markup = new StringBuilder(
+          "<html><head><link rel=\"stylesheet\" href=\"/a.css\"></head><body>");
+      for (String image : new String[] {"ball.gray.png", "ball.red.png", "comp.blue.png",
+               "folder.png"}) {
+        markup.append("<img src=\"/img/").append(image).append("\" width=14 height=14>");
+      }
+      byte[] page = markup.append("</body></html>").toString().getBytes(StandardCharsets.UTF_8);
+      // The agent decides whether images become sprites: an old browser's
+      // gets none, anything else (garbage included) gets them. Built at run
+      // time, so nothing but the bridge can keep these texts alive.
+      String oldAgent = new StringBuilder("Mozilla/4.0 (compatible; MSIE 6.0; Windows NT 5.1)")
+          .append("").toString();
+      String language = new StringBuilder("de-CH,de;q=0.9").append("").toString();
+      ByteBuffer server = CZelvarHtmlServer.Create(cache.toString(), 1, false, true, true, 10,
+          null, null, "127.0.0.1", 9, null, 0, pageUrl, pageUrl.length(), "utf-8", language,
+          null, null, oldAgent);
+      // The texts the JVM handed out for the call are gone once it returns
+      // (wiped under -Xcheck:jni); take that memory again with a new agent
+      // of the same length.
+      String newAgent = "Mozilla/5.0 (X11; Linux x86_64) Chrome/120.0.0.0 Safari/537.36 "
+          .substring(0, oldAgent.length());
+      for (int i = 0; i < 2000; ++i) {
+        CZelvarCssServer.Destroy(CZelvarCssServer.Create(newAgent));
+        CZelvarCssServer.Destroy(CZelvarCssServer.Create(language.replace('d', 'x')));
+      }
+      CZelvarHtmlServer.AddWork(server, direct(page), page.length);
+      CZelvarHtmlServer.DoWork(server);
+      String rewritten = text(CZelvarHtmlServer.GetRawZelvarBuffer(server, false));
+      CZelvarHtmlServer.Destroy(server);
+      assertFalse(rewritten, rewritten.contains(SPRITE_PLACEHOLDER));
+      assertEquals(oldAgent, seen.get("User-Agent"));
+      assertEquals(language, seen.get("Accept-Language"));
+      assertEquals("utf-8", seen.get("Accept-Charset"));
+
+      // The control: the same page for the new agent gets sprites.
+      ByteBuffer other = CZelvarHtmlServer.Create(cache.toString(), 1, false, true, true, 10,
+          null, null, null, 0, null, 0, pageUrl, pageUrl.length(), null, null, null, null,
+          newAgent);
+      CZelvarHtmlServer.AddWork(other, direct(page), page.length);
+      CZelvarHtmlServer.DoWork(other);
+      String sprited = text(CZelvarHtmlServer.GetRawZelvarBuffer(other, false));
+      CZelvarHtmlServer.Destroy(other);
+      assertTrue(sprited, sprited.contains(SPRITE_PLACEHOLDER));
+    } finally {
       http.stop(0);
     }
   }
