@@ -70,6 +70,12 @@ endif()
 if(NOT ZP_TESTS)
   return()
 endif()
+if(ZP_SANITIZE OR ZP_FUZZ)
+  # A JVM cannot load a library built with sanitizers unless their runtime
+  # is preloaded into it; the Java tests run in the plain builds.
+  message(STATUS "sanitizer build: the Java tests are left to the plain builds")
+  return()
+endif()
 
 get_target_property(ZP_JAR_FILE zelvarpack_jar JAR_FILE)
 set(ZP_JAVA_RUN ${Java_JAVA_EXECUTABLE} -Xcheck:jni -Dzelvarpack.source=${CMAKE_SOURCE_DIR}
