@@ -16,11 +16,15 @@ set -euo pipefail
 # libjs-jquery, libjs-bootstrap4, fonts-font-awesome: the libraries the
 # sample site's jQuery and Bootstrap pages load, and with doxygen-awesome-css
 # the corpus of the minifier's browser check (tests/browser/css_compare.py).
+# openjdk-17-jdk-headless: javac, jar and jni.h for the Java bridge and
+# zelvarpack.jar; junit4: the Java tests; libjetty9-java and
+# libservlet-api-java: the servlet host (hosts/java) and its tests.
 packages=(cmake ninja-build pkg-config g++ clang libclang-rt-14-dev libgtest-dev zlib1g-dev python3
   libcurl4-openssl-dev ca-certificates nginx openssl alsa-utils espeak-ng
   unixodbc-dev libsqliteodbc odbc-postgresql postgresql
   libpng-dev libjpeg62-turbo-dev libgif-dev libdeflate-dev apache2-data lomiri-wallpapers-20.04
-  chromium libjs-jquery libjs-bootstrap4 fonts-font-awesome doxygen-awesome-css "$@")
+  chromium libjs-jquery libjs-bootstrap4 fonts-font-awesome doxygen-awesome-css
+  openjdk-17-jdk-headless junit4 libjetty9-java libservlet-api-java "$@")
 missing=()
 for package in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' ||
