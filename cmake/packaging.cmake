@@ -85,6 +85,14 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 include(CPack)
 
 if(ZP_TESTS)
+  # The saved and the proxied copies of the sample pages in Chromium.
+  if(Python3_Interpreter_FOUND)
+    add_test(NAME browser.savings_proxy
+             COMMAND ${Python3_EXECUTABLE} ${CMAKE_SOURCE_DIR}/tests/browser/run_savings_proxy_tests.py
+                     --tool $<TARGET_FILE:zelvarpack>)
+    set_tests_properties(browser.savings_proxy PROPERTIES LABELS browser SKIP_RETURN_CODE 77
+                                                          TIMEOUT 600 PROCESSORS 2)
+  endif()
   add_test(NAME packaging.consumer
            COMMAND ${CMAKE_SOURCE_DIR}/tests/packaging/consumer_test.sh ${CMAKE_BINARY_DIR}
                    ${CMAKE_SOURCE_DIR} ${CMAKE_COMMAND})

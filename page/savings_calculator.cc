@@ -14,6 +14,7 @@
 #include "html/tag_record.h"
 #include "page/page_address.h"
 #include "page/page_copy.h"
+#include "page/proxy_rewriter.h"
 #include "zelvarpack/zelvar_buffer.h"
 #include "zelvarpack/zelvar_css_server.h"
 #include "zelvarpack/zelvar_utils.h"
@@ -102,7 +103,22 @@ struct CSavingsCalculator::State {
   // totals and saves it in the folder; the saved file's name, or nothing
   // when there is no body to save.
   std::optional<std::string> Save(std::string_view reference, Kind kind);
+  // `reference` made absolute against the page, when it is a relative http
+  // or https address; nothing otherwise (absolute, data:, no page address).
+  std::optional<std::string> Absolute(std::string_view reference) const;
 };
+
+std::optional<std::string> CSavingsCalculator::State::Absolute(std::string_view reference) const {
+  const std::string_view trimmed = TrimHtmlSpace(reference);
+  if (!pageAddress || trimmed.empty() || zelvarpack::page::HasScheme(trimmed)) return std::nullopt;
+  const std::optional<zelvarpack::page::PageAddress> address =
+      zelvarpack::page::Resolve(*pageAddress, reference);
+  if (!address) return std::nullopt;
+  std::string text = zelvarpack::page::ToString(*address);
+  // The address goes back into an attribute: keep its quotes from closing it.
+  if (text.find_first_of("\"'") != std::string::npos) return std::nullopt;
+  return text;
+}
 
 std::optional<std::string> CSavingsCalculator::State::Save(std::string_view reference, Kind kind) {
   // Addresses are resolved the way the browser resolves them, so the saved
@@ -226,13 +242,21 @@ void CSavingsCalculator::OnTag(HtmlTagToken* tag) {
     kind = Kind::kScript;
     taken = IsTakenScript(record);
   }
-  if (taken) {
-    // The first of repeated attributes is the one browsers load.
-    auto* value = const_cast<AttributeRecord*>(record.Find(attribute));
-    if (std::optional<std::string> saved = state_->Save(value->value, kind)) {
-      value->value = std::move(*saved);
-      if (value->quoting == HtmlAttribute::kNoValue) value->quoting = HtmlAttribute::kDoubleQuoted;
-    }
+  // The first of repeated attributes is the one browsers load.
+  auto* value = const_cast<AttributeRecord*>(record.Find(attribute));
+  if (value == nullptr) {
+    zelvarpack::html::AppendTag(out, *tag);
+    return;
+  }
+  std::optional<std::string> replacement;
+  if (taken) replacement = state_->Save(value->value, kind);
+  // What is not saved is still loaded from its site: the copy is opened
+  // from the folder, where a relative address finds nothing.
+  if (!replacement) replacement = state_->Absolute(value->value);
+  if (replacement) {
+    value->value = std::move(*replacement);
+    if (value->quoting != HtmlAttribute::kSingleQuoted)
+      value->quoting = HtmlAttribute::kDoubleQuoted;
   }
   zelvarpack::html::AppendTag(out, record);
 }

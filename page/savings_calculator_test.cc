@@ -90,7 +90,7 @@ TEST_F(SavingsSite, PageWithoutResourcesIsCopiedBehindTheTwoMarkers) {
   const std::string page =
       "<!DOCTYPE html><html><head><title>t</title><!-- note --></head>"
       "<body><p class=x>plain <b>text</b></p><img src=\"data:image/gif;base64,R0lGOD\" alt>"
-      "<link rel=icon href=/favicon.ico><br/></body></html>";
+      "<br/></body></html>";
   const Totals totals = Save(dir_.path().string(), server_.Url("/a/page.html"), page);
   EXPECT_EQ(ReadWholeFile(dir_.File("index.html")),
             "<!--zp_no_cache--><!--zp_server_url http://127.0.0.1/zp-->" + page);
@@ -123,22 +123,19 @@ TEST_F(SavingsSite, SavesTakenResourcesAndPointsThePageAtThem) {
   EXPECT_EQ(names[1].substr(38), ".js");
   EXPECT_EQ(names[2].substr(38), ".bin");
   // Tags are written back as they came, with the saved file's name in place
-  // of the address; what is not taken (print media, an id, a module, a
-  // failed download) keeps its address.
+  // of the address. What is not taken (print media, an id, a module, a
+  // failed download) is still loaded from the site.
   EXPECT_EQ(saved,
             "<!--zp_no_cache--><!--zp_server_url http://127.0.0.1/zp-->"
             "<html><head><link rel=stylesheet href=\"" +
                 names[0] +
                 "\">"
-                "<link rel=stylesheet media=print href=print.css>"
-                "<link rel=stylesheet id=named href=print.css>"
-                "<script src='" +
-                names[1] +
-                "'></script><script type=module src=j.js>"
-                "</script></head><body><img src=" +
-                names[2] +
-                " alt=p>"
-                "<img src=missing.png></body></html>");
+                "<link rel=stylesheet media=print href=\"" +
+                server_.Url("/a/print.css") + "\"><link rel=stylesheet id=named href=\"" +
+                server_.Url("/a/print.css") + "\"><script src='" + names[1] +
+                "'></script><script type=module src=\"" + server_.Url("/a/j.js") +
+                "\"></script></head><body><img src=\"" + names[2] + "\" alt=p><img src=\"" +
+                server_.Url("/a/missing.png") + "\"></body></html>");
   EXPECT_EQ(ReadWholeFile(dir_.File(names[2])), picture);
   EXPECT_EQ(ReadWholeFile(dir_.File(names[1])), "var j = 1;");
   // The sheet is read from the folder: its addresses point at its site.
