@@ -95,7 +95,7 @@ if(ZP_TESTS)
   endif()
   add_test(NAME packaging.consumer
            COMMAND ${CMAKE_SOURCE_DIR}/tests/packaging/consumer_test.sh ${CMAKE_BINARY_DIR}
-                   ${CMAKE_SOURCE_DIR} ${CMAKE_COMMAND})
+                   ${CMAKE_SOURCE_DIR} ${CMAKE_COMMAND} ${CMAKE_CPACK_COMMAND})
   set_tests_properties(packaging.consumer PROPERTIES LABELS packaging TIMEOUT 600
                                                      SKIP_RETURN_CODE 77)
 endif()

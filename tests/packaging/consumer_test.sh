@@ -3,11 +3,12 @@
 # against it twice, through pkg-config and through find_package; every
 # installed header must also compile on its own. Then makes the Debian
 # package and checks its contents and dependencies.
-# Usage: consumer_test.sh BUILD_DIR SOURCE_DIR CMAKE
+# Usage: consumer_test.sh BUILD_DIR SOURCE_DIR CMAKE CPACK
 set -eu
 build=$1
 source=$2
 cmake=$3
+cpack=$4
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 prefix=$work/prefix
@@ -42,7 +43,7 @@ if ! command -v dpkg-deb >/dev/null || ! command -v dpkg-shlibdeps >/dev/null; t
   echo "dpkg-deb or dpkg-shlibdeps missing: Debian package not checked"
   exit 0
 fi
-(cd "$build" && cpack -G DEB -B "$work/deb" >"$work/cpack.log") || { cat "$work/cpack.log"; exit 1; }
+(cd "$build" && "$cpack" -G DEB -B "$work/deb" >"$work/cpack.log") || { cat "$work/cpack.log"; exit 1; }
 deb=$(ls "$work"/deb/*.deb)
 dpkg-deb -I "$deb" >"$work/info"
 dpkg-deb -c "$deb" >"$work/contents"
