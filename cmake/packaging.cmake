@@ -79,7 +79,15 @@ set(CPACK_PACKAGE_CONTACT "ZelvarPack developers <dev@zelvarpack.invalid>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Web page acceleration engine: library, headers and tool")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+find_program(ZP_DPKG_SHLIBDEPS dpkg-shlibdeps)
+if(ZP_DPKG_SHLIBDEPS)
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+else()
+  # Without dpkg-dev: the runtime packages of the libraries linked above,
+  # as Debian 12 names them.
+  set(CPACK_DEBIAN_PACKAGE_DEPENDS
+      "libc6, libstdc++6, libgcc-s1, libcurl4, zlib1g, libpng16-16, libjpeg62-turbo, libgif7, libdeflate0, libodbc2")
+endif()
 set(CPACK_DEBIAN_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 include(CPack)
@@ -88,7 +96,8 @@ if(ZP_TESTS)
   # The saved and the proxied copies of the sample pages in Chromium.
   if(Python3_Interpreter_FOUND)
     add_test(NAME browser.savings_proxy
-             COMMAND ${Python3_EXECUTABLE} ${CMAKE_SOURCE_DIR}/tests/browser/run_savings_proxy_tests.py
+             COMMAND ${Python3_EXECUTABLE}
+                     ${CMAKE_SOURCE_DIR}/tests/browser/run_savings_proxy_tests.py
                      --tool $<TARGET_FILE:zelvarpack>)
     set_tests_properties(browser.savings_proxy PROPERTIES LABELS browser SKIP_RETURN_CODE 77
                                                           TIMEOUT 600 PROCESSORS 2)

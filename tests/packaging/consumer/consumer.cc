@@ -27,8 +27,7 @@ int main(int argc, char** argv) {
 
   CZelvarBuffer buffer;
   buffer.AddValue("abc", 3);
-  check(buffer.GetValueLength() == 3 && std::memcmp(buffer.GetValue(), "abc", 4) == 0,
-        "buffer");
+  check(buffer.GetValueLength() == 3 && std::memcmp(buffer.GetValue(), "abc", 4) == 0, "buffer");
 
   std::string page = "<meta http-equiv=Content-Type content='text/html'>";
   void* finder = CMetaFinder::Create();
@@ -42,11 +41,10 @@ int main(int argc, char** argv) {
   // A page without a head comes out of the optimiser as it went in.
   std::string folder = argv[1];
   std::string url = "http://127.0.0.1/p.html";
-  auto* server = new CZelvarHtmlServer(folder.data(), 1, false, false, true, 0, nullptr, nullptr,
-                                       nullptr, 0, nullptr, 0,
-                                       reinterpret_cast<unsigned char*>(url.data()),
-                                       static_cast<std::int32_t>(url.size()), nullptr, nullptr,
-                                       nullptr, nullptr, nullptr);
+  auto* server = new CZelvarHtmlServer(
+      folder.data(), 1, false, false, true, 0, nullptr, nullptr, nullptr, 0, nullptr, 0,
+      reinterpret_cast<unsigned char*>(url.data()), static_cast<std::int32_t>(url.size()), nullptr,
+      nullptr, nullptr, nullptr, nullptr);
   std::string body = "<p>no head</p>";
   server->AddWork(reinterpret_cast<unsigned char*>(body.data()),
                   static_cast<std::int32_t>(body.size()));
