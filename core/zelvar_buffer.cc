@@ -60,3 +60,10 @@ void CZelvarBuffer::Append(const unsigned char* bytes, std::int32_t count) {
   length = static_cast<std::int32_t>(needed);
   data[length] = 0;
 }
+
+// GetValue and GetValueLength are inline for the library's own callers; a host
+// calls the exported copies, which these references make the compiler emit.
+[[gnu::used]] static unsigned char* (CZelvarBuffer::*const kExportedGetValue)() =
+    &CZelvarBuffer::GetValue;
+[[gnu::used]] static std::int32_t (CZelvarBuffer::*const kExportedGetValueLength)() const =
+    &CZelvarBuffer::GetValueLength;

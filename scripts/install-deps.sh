@@ -19,7 +19,8 @@ set -euo pipefail
 # openjdk-17-jdk-headless: javac, jar and jni.h for the Java bridge and
 # zelvarpack.jar; junit4: the Java tests; libjetty9-java and
 # libservlet-api-java: the servlet host (hosts/java) and its tests.
-packages=(cmake ninja-build pkg-config g++ clang libclang-rt-14-dev libgtest-dev zlib1g-dev python3
+# dpkg-dev: dpkg-shlibdeps, which names the Debian package's dependencies.
+packages=(cmake ninja-build pkg-config g++ dpkg-dev clang libclang-rt-14-dev libgtest-dev zlib1g-dev python3
   libcurl4-openssl-dev ca-certificates nginx openssl alsa-utils espeak-ng
   unixodbc-dev libsqliteodbc odbc-postgresql postgresql
   libpng-dev libjpeg62-turbo-dev libgif-dev libdeflate-dev apache2-data lomiri-wallpapers-20.04

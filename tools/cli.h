@@ -87,5 +87,7 @@ int RunStore(zelvarpack::cli::Arguments& args);
 int RunSprite(zelvarpack::cli::Arguments& args);
 int RunOptimize(zelvarpack::cli::Arguments& args);
 int RunServe(zelvarpack::cli::Arguments& args);
+int RunSavings(zelvarpack::cli::Arguments& args);
+int RunProxy(zelvarpack::cli::Arguments& args);
 
 #endif  // ZELVARPACK_TOOLS_CLI_H_

@@ -56,7 +56,14 @@ constexpr char kUsage[] =
     "  serve --listen ADDRESS:PORT --root DIR [--cache DIR]\n"
     "                                               serve DIR's files and the CS.zp, JS.zp\n"
     "                                               and IS.zp handlers from the cache; print\n"
-    "                                               the address, then run until stopped\n";
+    "                                               the address, then run until stopped\n"
+    "  savings (--url URL | --file PAGE --page-url URL) --dir DIR [--server-url URL]\n"
+    "          [--user-agent UA]                    save the page and its stylesheets, images\n"
+    "                                               and scripts in DIR (index.html); print the\n"
+    "                                               download totals as JSON\n"
+    "  proxy (--url URL | --file PAGE --page-url URL) --dir DIR [--server-url URL]\n"
+    "                                               write DIR/index.html with the page's\n"
+    "                                               resource addresses made absolute\n";
 
 struct Command {
   const char* name;
@@ -80,6 +87,8 @@ constexpr Command kCommands[] = {
     {"sprite", RunSprite},
     {"optimize", RunOptimize},
     {"serve", RunServe},
+    {"savings", RunSavings},
+    {"proxy", RunProxy},
 };
 
 }  // namespace

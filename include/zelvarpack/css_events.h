@@ -21,7 +21,7 @@
 // time the text and its terminator no longer fit); the block underneath grows
 // geometrically, so appending stays amortised O(1) and a reused text
 // allocates only while it grows past its largest earlier size.
-class ZP_EXPORT CssText {
+class CssText {
  public:
   static constexpr std::int32_t kStep = 50;
 
@@ -67,7 +67,7 @@ class ZP_EXPORT CssText {
 // A string or url token: the text without quotes, and how it was quoted.
 // Strings: 0 double quote, 1 apostrophe. Urls: 0 double-quoted, 1
 // single-quoted, 2 unquoted.
-struct ZP_EXPORT CssQuotedText {
+struct CssQuotedText {
   enum Quote : unsigned char { kDouble = 0, kSingle = 1, kUnquoted = 2 };
   CssText text;
   unsigned char quote = kUnquoted;
@@ -75,7 +75,7 @@ struct ZP_EXPORT CssQuotedText {
 
 // A dimension (first: the number, second: the unit) or a unicode-range
 // (first: the start, second: the end, empty when none was given).
-struct ZP_EXPORT CssTextPair {
+struct CssTextPair {
   CssText first;
   CssText second;
 };
@@ -85,7 +85,7 @@ struct ZP_EXPORT CssTextPair {
 // operations do nothing, so a consumer overrides only the events it needs.
 // The order of the operations is fixed (it is the reverse of the tokenizer's
 // argument order) and must not change.
-class ZP_EXPORT CCssConstructorEvents {
+class CCssConstructorEvents {
  public:
   virtual ~CCssConstructorEvents();
   virtual void OnCloseBrace(void* token);

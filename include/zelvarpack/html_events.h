@@ -19,7 +19,7 @@
 //
 // Growth is amortised (capacity doubles); clearing keeps the block, so a
 // reused token allocates only while it grows past its largest earlier size.
-class ZP_EXPORT HtmlString {
+class HtmlString {
  public:
   HtmlString();
   ~HtmlString();
@@ -77,7 +77,7 @@ class ZP_EXPORT HtmlString {
 };
 
 // One unit of character data (normally one byte) or one whole comment.
-struct ZP_EXPORT HtmlTextToken {
+struct HtmlTextToken {
   enum Kind : std::uint32_t { kCharacter = 0, kComment = 1 };
   std::uint32_t kind = kCharacter;
   // True when the token was made in the CDATA section state.
@@ -87,7 +87,7 @@ struct ZP_EXPORT HtmlTextToken {
 
 // One attribute of a tag, in a doubly linked list in source order. Repeated
 // names are all kept.
-struct ZP_EXPORT HtmlAttribute {
+struct HtmlAttribute {
   // How the value was written, so that a tag can be written back as it was.
   enum Quoting : std::uint32_t {
     kNoValue = 0,  // a bare name (`disabled`), or a name and "=" with no value
@@ -105,7 +105,7 @@ struct ZP_EXPORT HtmlAttribute {
 
 // A start tag (kind 0) or an end tag (kind 1). Names keep the case they were
 // written in; consumers compare them case-insensitively.
-class ZP_EXPORT HtmlTagToken {
+class HtmlTagToken {
  public:
   enum Kind : std::uint32_t { kStartTag = 0, kEndTag = 1 };
   HtmlTagToken() = default;
@@ -136,7 +136,7 @@ class ZP_EXPORT HtmlTagToken {
 
 // A DOCTYPE. An identifier that was never written has length 0 and reset 0;
 // one written as two quotes has length 0 and reset 1.
-struct ZP_EXPORT HtmlDoctypeToken {
+struct HtmlDoctypeToken {
   HtmlString name;
   HtmlString publicId;
   HtmlString systemId;
@@ -145,7 +145,7 @@ struct ZP_EXPORT HtmlDoctypeToken {
 
 // The consumer side of the HTML constructor. The base operations do nothing,
 // so a consumer overrides only the events it needs.
-class ZP_EXPORT CHtmlConstructorEvents {
+class CHtmlConstructorEvents {
  public:
   virtual ~CHtmlConstructorEvents();
   virtual void OnTag(HtmlTagToken* tag);

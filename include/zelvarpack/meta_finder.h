@@ -17,12 +17,12 @@
 class CHtmlConstructor;
 class CZelvarBuffer;
 
-class ZP_EXPORT CMetaFinder : public CHtmlConstructorEvents {
+class CMetaFinder : public CHtmlConstructorEvents {
  public:
-  static void* Create();
-  static void AddWork(void* handle, unsigned char* bytes, std::int32_t count);
-  static void DoWork(void* handle);
-  static void Destroy(void* handle, std::int32_t& result);
+  ZP_EXPORT static void* Create();
+  ZP_EXPORT static void AddWork(void* handle, unsigned char* bytes, std::int32_t count);
+  ZP_EXPORT static void DoWork(void* handle);
+  ZP_EXPORT static void Destroy(void* handle, std::int32_t& result);
 
   CMetaFinder();
   ~CMetaFinder() override;

@@ -28,40 +28,41 @@
 
 #include "zelvarpack/export.h"
 
-class ZP_EXPORT CZelvarAudioServer {
+class CZelvarAudioServer {
  public:
   // The read form: keeps copies of the two paths (the first `length` bytes of
   // each, NUL-terminated); no work directory. A negative length counts as 0.
-  static void* Create(unsigned char* indexPath, std::int32_t indexPathLength,
-                      unsigned char* dataPath, std::int32_t dataPathLength);
+  ZP_EXPORT static void* Create(unsigned char* indexPath, std::int32_t indexPathLength,
+                                unsigned char* dataPath, std::int32_t dataPathLength);
   // The write form. Tessera files are kept in `workDirectory` until Flush.
   // `setting` is kept and has no effect.
-  static void* Create(unsigned char* workDirectory, std::int32_t workDirectoryLength,
-                      unsigned char* indexPath, std::int32_t indexPathLength,
-                      unsigned char* dataPath, std::int32_t dataPathLength, std::int32_t setting);
+  ZP_EXPORT static void* Create(unsigned char* workDirectory, std::int32_t workDirectoryLength,
+                                unsigned char* indexPath, std::int32_t indexPathLength,
+                                unsigned char* dataPath, std::int32_t dataPathLength,
+                                std::int32_t setting);
 
   // Adds the WAV file at the NUL-terminated `wavPath`; `length` is not used.
   // The first call creates the index and data files. On a read-form handle
   // the engine is the reading one, and the first piece throws "Video
   // tesserae is read-only." (the files are only ever opened for reading).
-  static void Write(void* handle, unsigned char* wavPath, std::int32_t length);
+  ZP_EXPORT static void Write(void* handle, unsigned char* wavPath, std::int32_t length);
 
   // Writes every started tessera into the data file, in start order, and
   // publishes both files. Without an earlier Write the files are created
   // empty. Pieces written after a Flush go into new records that a further
   // Flush appends.
-  static void Flush(void* handle);
+  ZP_EXPORT static void Flush(void* handle);
 
   // Opens both files for reading and builds the reading engine, once; the
   // reference parameters are left untouched.
-  static void Read(void* handle, void*& a, void*& b, void*& c);
+  ZP_EXPORT static void Read(void* handle, void*& a, void*& b, void*& c);
 
   // Does nothing.
-  static void Discard(void* handle, void*& a, void*& b);
+  ZP_EXPORT static void Discard(void* handle, void*& a, void*& b);
 
   // Closes and frees everything. Pieces not flushed are dropped. A null
   // handle is ignored.
-  static void Destroy(void* handle);
+  ZP_EXPORT static void Destroy(void* handle);
 
   CZelvarAudioServer() = delete;
 };

@@ -12,26 +12,27 @@
 
 #include "zelvarpack/export.h"
 
-class ZP_EXPORT CZelvarBuffer {
+class CZelvarBuffer {
  public:
   static constexpr std::int32_t kInitialCapacity = 50;
   static constexpr std::int32_t kSlack = 51;
 
-  CZelvarBuffer();
-  ~CZelvarBuffer();
+  ZP_EXPORT CZelvarBuffer();
+  ZP_EXPORT ~CZelvarBuffer();
   CZelvarBuffer(const CZelvarBuffer&) = delete;
   CZelvarBuffer& operator=(const CZelvarBuffer&) = delete;
 
   // Appends `count` bytes. REQUIRES: count >= 0 and length + count fits in 32
   // bits (a larger request throws std::bad_alloc).
-  void AddValue(unsigned char* bytes, std::int32_t count);
-  void AddValue(const char* text, std::int32_t count);
+  ZP_EXPORT void AddValue(unsigned char* bytes, std::int32_t count);
+  ZP_EXPORT void AddValue(const char* text, std::int32_t count);
   // Const-correct twin for internal callers; same rule.
   void Append(const unsigned char* bytes, std::int32_t count);
 
   // Valid until the next AddValue or destruction.
-  unsigned char* GetValue() { return data; }
-  std::int32_t GetValueLength() const { return length; }
+  // Inline for the library's own callers, and exported for hosts.
+  ZP_EXPORT unsigned char* GetValue() { return data; }
+  ZP_EXPORT std::int32_t GetValueLength() const { return length; }
   std::int32_t GetCapacity() const { return capacity; }
 
  private:

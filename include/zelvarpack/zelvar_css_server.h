@@ -32,13 +32,15 @@ namespace zelvarpack::css {
 class CssServerCore;
 }  // namespace zelvarpack::css
 
-class ZP_EXPORT CZelvarCssServer {
+class CZelvarCssServer {
  public:
   // Copies `cacheDirectory`, the cache root (null counts as "").
-  explicit CZelvarCssServer(char* cacheDirectory);
+  ZP_EXPORT explicit CZelvarCssServer(char* cacheDirectory);
   // Does not wait for downloads still running in filter mode: they end on
   // their own and touch nothing of the server's.
-  ~CZelvarCssServer();
+  // Virtual, so that a host deletes the server through its vtable: the
+  // destructor itself is not among the exported entries.
+  virtual ~CZelvarCssServer();
   CZelvarCssServer(const CZelvarCssServer&) = delete;
   CZelvarCssServer& operator=(const CZelvarCssServer&) = delete;
 
@@ -47,7 +49,7 @@ class ZP_EXPORT CZelvarCssServer {
   // "https:" address are resolved against that address. A name that is
   // already present adds nothing. A null name counts as ""; a negative
   // length adds nothing.
-  void AddWork(char* name, unsigned char* bytes, std::int32_t length);
+  ZP_EXPORT void AddWork(char* name, unsigned char* bytes, std::int32_t length);
 
   // An inline style block: Begin empties the block, Add appends text to it,
   // End adds it as a sheet named by the decimal count of sheets already held.
@@ -60,21 +62,21 @@ class ZP_EXPORT CZelvarCssServer {
   // settings: the time-out for url downloads (seconds; 0 waits for none, so
   // nothing is sprited) and, when not null or empty, the server URL that
   // sprite references start with ("./IS.zp?" without one).
-  void SetIsFilter(std::int32_t timeoutSeconds, char* serverUrl);
+  ZP_EXPORT void SetIsFilter(std::int32_t timeoutSeconds, char* serverUrl);
 
   // Minifies the sheets, in the order they were added, into the output. In
   // filter mode also downloads the background images (at most 16 at once)
   // for up to the time-out and places in sprite sheets those whose rule
   // shows them once, unrepeated, at the origin of a box of known pixel size
   // without padding (see CanSprite in css/css_sprites.h).
-  void DoWork();
+  ZP_EXPORT void DoWork();
 
   // The identifier of the output: IdFromNumber of its collate hash. Unless in
   // filter mode, writes cache/css/<id> and cache/css/<id>.g when the sheet is
   // not stored yet; when a file of that name holds other bytes (the 32-bit
   // hash collides), the next candidate id is used instead. "" when the
   // sheet could not be stored.
-  std::string GetMinifiedId();
+  ZP_EXPORT std::string GetMinifiedId();
 
   // A new buffer owned by the caller with the sheet stored under `id` (in
   // filter mode: the output held in memory), or null when there is none (and
@@ -84,7 +86,7 @@ class ZP_EXPORT CZelvarCssServer {
   // was-gzip flag is set; `gzip` is cleared when the plain bytes are returned
   // although a gzip form existed. A missing gzip file leaves `gzip` as it
   // was: rely on GetWasGzip().
-  CZelvarBuffer* GetMinifiedId(std::string id, bool& gzip);
+  ZP_EXPORT CZelvarBuffer* GetMinifiedId(std::string id, bool& gzip);
 
   // True once GetMinifiedId(id, gzip) has returned a gzip form; never cleared.
   bool GetWasGzip() const;

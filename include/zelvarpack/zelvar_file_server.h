@@ -29,24 +29,24 @@
 
 #include "zelvarpack/export.h"
 
-class ZP_EXPORT CZelvarFileServer {
+class CZelvarFileServer {
  public:
   // Copies `length` bytes of the ODBC connection string (null or a
   // negative length count as empty).
-  static void* Create(unsigned char* connectionString, std::int32_t length);
+  ZP_EXPORT static void* Create(unsigned char* connectionString, std::int32_t length);
   // The new file_id, or -1 on any failure (nothing is stored then).
-  static std::int32_t AddFile(void* handle, unsigned char* bytes, std::int32_t length);
+  ZP_EXPORT static std::int32_t AddFile(void* handle, unsigned char* bytes, std::int32_t length);
   // Frees the handle; null is ignored.
-  static void Destroy(void* handle);
+  ZP_EXPORT static void Destroy(void* handle);
 
   // Always true.
-  bool UpdateFile(std::int32_t fileId, unsigned char* bytes, std::int32_t length);
+  ZP_EXPORT bool UpdateFile(std::int32_t fileId, unsigned char* bytes, std::int32_t length);
   // Always true.
-  bool DeleteFileW(std::int32_t fileId);
+  ZP_EXPORT bool DeleteFileW(std::int32_t fileId);
   // Always null.
-  unsigned char* RetrieveFileData(std::int32_t fileId);
+  ZP_EXPORT unsigned char* RetrieveFileData(std::int32_t fileId);
   // Always 0.
-  std::int32_t RetrieveFileLength();
+  ZP_EXPORT std::int32_t RetrieveFileLength();
 };
 
 #endif  // ZELVARPACK_ZELVAR_FILE_SERVER_H_

@@ -31,7 +31,7 @@ struct PageState;
 const PageState& StateOf(const CZelvarHtmlServer& server);
 }  // namespace zelvarpack::page
 
-class ZP_EXPORT CZelvarHtmlServer : public CHtmlConstructorEvents {
+class CZelvarHtmlServer : public CHtmlConstructorEvents {
  public:
   // Settings, in order:
   //   cacheDirectory     the cache root (copied; null counts as "").
@@ -58,13 +58,14 @@ class ZP_EXPORT CZelvarHtmlServer : public CHtmlConstructorEvents {
   //                      become sprites, and is sent with the downloads.
   // The five const char* values are kept as pointers: the caller keeps them
   // valid until the object is destroyed. Everything else is copied.
-  CZelvarHtmlServer(char* cacheDirectory, std::int32_t optimise, bool fetchForeignHosts,
-                    bool keepComments, bool useOwnHost, std::int32_t timeoutSeconds,
-                    char* handlerPath, void* callerContext, unsigned char* clientAddress,
-                    std::int32_t clientAddressLength, unsigned char* serverAddress,
-                    std::int32_t serverAddressLength, unsigned char* pageUrl,
-                    std::int32_t pageUrlLength, const char* forwardA, const char* forwardB,
-                    const char* forwardC, const char* forwardD, const char* userAgent);
+  ZP_EXPORT CZelvarHtmlServer(char* cacheDirectory, std::int32_t optimise, bool fetchForeignHosts,
+                              bool keepComments, bool useOwnHost, std::int32_t timeoutSeconds,
+                              char* handlerPath, void* callerContext, unsigned char* clientAddress,
+                              std::int32_t clientAddressLength, unsigned char* serverAddress,
+                              std::int32_t serverAddressLength, unsigned char* pageUrl,
+                              std::int32_t pageUrlLength, const char* forwardA,
+                              const char* forwardB, const char* forwardC, const char* forwardD,
+                              const char* userAgent);
   // Never waits longer than the time-out for downloads still running; they
   // end on their own threads.
   ~CZelvarHtmlServer() override;
@@ -72,33 +73,33 @@ class ZP_EXPORT CZelvarHtmlServer : public CHtmlConstructorEvents {
   CZelvarHtmlServer& operator=(const CZelvarHtmlServer&) = delete;
 
   // Appends page bytes. A null pointer or a negative length adds nothing.
-  void AddWork(unsigned char* data, std::int32_t length);
+  ZP_EXPORT void AddWork(unsigned char* data, std::int32_t length);
 
   // Runs the whole optimisation once. A page without both <head> and
   // </head> comes out unchanged.
-  void DoWork();
+  ZP_EXPORT void DoWork();
 
   // The new page (gzip false), or on the first call with gzip true its gzip
   // form, kept for later calls. When gzip does not make it smaller, `gzip`
   // is cleared and the plain page is returned. Owned by the server.
-  CZelvarBuffer* GetRawZelvarBuffer(bool& gzip);
+  ZP_EXPORT CZelvarBuffer* GetRawZelvarBuffer(bool& gzip);
   // True once GetRawZelvarBuffer has returned the gzip form.
-  bool GetRawZelvarBufferWasGzip() const;
+  ZP_EXPORT bool GetRawZelvarBufferWasGzip() const;
 
   // The content identifier of the new page.
-  std::string GetId();
+  ZP_EXPORT std::string GetId();
 
   // Bytes of the page's resources as fetched: gzip true gives the sizes as
   // they travelled, false the decoded sizes.
-  std::int32_t GetBytesBefore(bool gzip) const;
+  ZP_EXPORT std::int32_t GetBytesBefore(bool gzip) const;
   // `pageBytes` plus the bytes of the combined results and of the resources
   // the new page still loads separately.
-  std::int32_t GetBytesAfter(std::int32_t pageBytes, bool gzip);
+  ZP_EXPORT std::int32_t GetBytesAfter(std::int32_t pageBytes, bool gzip);
   // Requests the page cost before and after (the page itself included).
-  std::int32_t GetRequestsBefore() const;
-  std::int32_t GetRequestsAfter() const;
+  ZP_EXPORT std::int32_t GetRequestsBefore() const;
+  ZP_EXPORT std::int32_t GetRequestsAfter() const;
   // True when the page holds the "<!--zp_send_stats-->" marker.
-  bool GetSendStats() const;
+  ZP_EXPORT bool GetSendStats() const;
 
   // The page's events while DoWork tokenizes it.
   void OnTag(HtmlTagToken* tag) override;

@@ -53,16 +53,16 @@ struct CZelvarImagePlacement {
 
 // One stored sheet: its encoded bytes and one entry per source image, in the
 // order of its index file.
-class ZP_EXPORT CZelvarImages {
+class CZelvarImages {
  public:
   CZelvarImages();
-  ~CZelvarImages();
+  ZP_EXPORT ~CZelvarImages();
   CZelvarImages(const CZelvarImages&) = delete;
   CZelvarImages& operator=(const CZelvarImages&) = delete;
 
   // The sheet's bytes, owned by this object. Sheets are served as they are
   // stored, so `wasGzip` is always cleared.
-  CZelvarBuffer* GetRawImageZelvarBuffer(bool& wasGzip);
+  ZP_EXPORT CZelvarBuffer* GetRawImageZelvarBuffer(bool& wasGzip);
 
   std::int32_t GetEntryCount() const;
   // REQUIRES: 0 <= index < GetEntryCount().
@@ -75,14 +75,14 @@ class ZP_EXPORT CZelvarImages {
   std::vector<CZelvarImageEntry> entries_;
 };
 
-class ZP_EXPORT CZelvarImageServer {
+class CZelvarImageServer {
  public:
   enum SheetKind : std::int32_t { kGifSheet = 0, kJpgSheet = 1, kPng24Sheet = 2, kPng32Sheet = 3 };
 
   // Copies `cachePath` (null counts as "").
-  explicit CZelvarImageServer(char* cachePath);
+  ZP_EXPORT explicit CZelvarImageServer(char* cachePath);
   // Waits for the decoding jobs still running.
-  ~CZelvarImageServer();
+  ZP_EXPORT ~CZelvarImageServer();
   CZelvarImageServer(const CZelvarImageServer&) = delete;
   CZelvarImageServer& operator=(const CZelvarImageServer&) = delete;
 
@@ -121,10 +121,10 @@ class ZP_EXPORT CZelvarImageServer {
   // (GetGifId), cache/jpg (GetJpgId, GetPng24Id) or cache/png (GetPng32Id),
   // owned by the caller; null when none is stored and for any `id` that is
   // not a braced upper-case GUID.
-  CZelvarImages* GetGifId(std::string id);
-  CZelvarImages* GetJpgId(std::string id);
-  CZelvarImages* GetPng24Id(std::string id);
-  CZelvarImages* GetPng32Id(std::string id);
+  ZP_EXPORT CZelvarImages* GetGifId(std::string id);
+  ZP_EXPORT CZelvarImages* GetJpgId(std::string id);
+  ZP_EXPORT CZelvarImages* GetPng24Id(std::string id);
+  ZP_EXPORT CZelvarImages* GetPng32Id(std::string id);
 
  private:
   struct State;

@@ -18,11 +18,11 @@
 #include "zelvarpack/export.h"
 #include "zelvarpack/zelvar_buffer.h"
 
-class ZP_EXPORT CZelvarJSServer {
+class CZelvarJSServer {
  public:
   // Copies `cachePath` (null counts as "").
-  explicit CZelvarJSServer(char* cachePath);
-  ~CZelvarJSServer();
+  ZP_EXPORT explicit CZelvarJSServer(char* cachePath);
+  ZP_EXPORT ~CZelvarJSServer();
   CZelvarJSServer(const CZelvarJSServer&) = delete;
   CZelvarJSServer& operator=(const CZelvarJSServer&) = delete;
 
@@ -43,7 +43,7 @@ class ZP_EXPORT CZelvarJSServer {
   // cleared whenever the plain bytes are returned because the gzip form is
   // empty, not smaller or not accepted, but it stays true when the gzip file
   // is missing: rely on GetWasGzip().
-  CZelvarBuffer* GetRawId(std::string id, bool& wasGzip);
+  ZP_EXPORT CZelvarBuffer* GetRawId(std::string id, bool& wasGzip);
 
   // True once GetRawId has returned a gzip form; never cleared again.
   bool GetWasGzip() const { return wasGzip_; }

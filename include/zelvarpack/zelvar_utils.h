@@ -18,27 +18,27 @@
 #include "zelvarpack/export.h"
 #include "zelvarpack/zelvar_buffer.h"
 
-class ZP_EXPORT CZelvarUtils {
+class CZelvarUtils {
  public:
-  CZelvarUtils();
-  ~CZelvarUtils();
+  ZP_EXPORT CZelvarUtils();
+  ZP_EXPORT ~CZelvarUtils();
 
   // Opens an existing file for binary reading, shared with other readers.
   // Returns null at once when the file does not exist; otherwise waits while
   // a writer holds it. The caller closes the file with fclose.
-  static FILE* OpenFileForReading(std::string path);
+  ZP_EXPORT static FILE* OpenFileForReading(std::string path);
 
   // Creates or truncates a file for binary writing, held alone. Waits while
   // any reader or writer holds it, and (by design) for ever when the path can
   // never be opened: create the folders first. The caller closes it.
-  static FILE* OpenFileForWriting(std::string path);
+  ZP_EXPORT static FILE* OpenFileForWriting(std::string path);
 
   // Ends the library's background downloads before a host unloads it or
   // exits: transfers still running give up at their next progress check and
   // the call waits for the last download thread, at most `timeoutMilliseconds`.
   // Returns whether none is left running. Thread-safe; later work runs as
   // usual.
-  static bool StopBackgroundWork(std::int32_t timeoutMilliseconds);
+  ZP_EXPORT static bool StopBackgroundWork(std::int32_t timeoutMilliseconds);
 
   // Fetches `url` with one GET over a fresh connection (redirects followed,
   // cookies and authentication off) and returns a new buffer with the
@@ -56,13 +56,14 @@ class ZP_EXPORT CZelvarUtils {
   // `cacheable` tells whether the response allows keeping the result.
   // `timeoutSeconds` bounds connecting and each wait for the server (<= 0: no
   // limit). Bodies over 256 MiB, received or decoded, are failures.
-  CZelvarBuffer* DownloadUrl(char* cacheDirectory, const char* acceptCharset,
-                             const char* acceptLanguage, const char* referer,
-                             const char* forwardedFor, const char* reservedA, const char* reservedB,
-                             const char* userAgent, unsigned char* pageUrl, unsigned char* url,
-                             std::int32_t& bytesSent, std::int32_t& bytesReceived,
-                             std::int32_t& bytesUncompressed, bool& cacheable,
-                             std::int32_t timeoutSeconds);
+  ZP_EXPORT CZelvarBuffer* DownloadUrl(char* cacheDirectory, const char* acceptCharset,
+                                       const char* acceptLanguage, const char* referer,
+                                       const char* forwardedFor, const char* reservedA,
+                                       const char* reservedB, const char* userAgent,
+                                       unsigned char* pageUrl, unsigned char* url,
+                                       std::int32_t& bytesSent, std::int32_t& bytesReceived,
+                                       std::int32_t& bytesUncompressed, bool& cacheable,
+                                       std::int32_t timeoutSeconds);
 
   // Compresses `length` bytes at level 9 into a new buffer: a raw deflate
   // stream when `rawDeflate`, else the gzip format when `gzip`, else nothing

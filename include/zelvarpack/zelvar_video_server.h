@@ -45,44 +45,45 @@
 #include "zelvarpack/export.h"
 #include "zelvarpack/zelvar_buffer.h"
 
-class ZP_EXPORT CZelvarVideoServer {
+class CZelvarVideoServer {
  public:
   static constexpr std::int32_t kFrameWidth = 1920;
   static constexpr std::int32_t kFrameHeight = 1080;
 
   // The read form: keeps copies of the two paths (the first `length` bytes of
   // each); no work directory. A negative length counts as 0.
-  static void* Create(unsigned char* indexPath, std::int32_t indexPathLength,
-                      unsigned char* dataPath, std::int32_t dataPathLength);
+  ZP_EXPORT static void* Create(unsigned char* indexPath, std::int32_t indexPathLength,
+                                unsigned char* dataPath, std::int32_t dataPathLength);
   // The write form. Mosaic files are kept in `workDirectory` until Flush.
   // `setting` is kept and has no effect.
-  static void* Create(unsigned char* workDirectory, std::int32_t workDirectoryLength,
-                      unsigned char* indexPath, std::int32_t indexPathLength,
-                      unsigned char* dataPath, std::int32_t dataPathLength, std::int32_t setting);
+  ZP_EXPORT static void* Create(unsigned char* workDirectory, std::int32_t workDirectoryLength,
+                                unsigned char* indexPath, std::int32_t indexPathLength,
+                                unsigned char* dataPath, std::int32_t dataPathLength,
+                                std::int32_t setting);
 
   // Adds the frame in the JPEG or PNG file at the NUL-terminated
   // `framePath`; `length` is not used. "Could not open file." when the file
   // cannot be read, "Invalid file." when it is not a whole JPEG or PNG of
   // 1920 x 1080 (nothing of such a frame is kept). On a read-form handle,
   // "Video tesserae is read-only.".
-  static void Write(void* handle, unsigned char* framePath, std::int32_t length);
+  ZP_EXPORT static void Write(void* handle, unsigned char* framePath, std::int32_t length);
 
   // Finishes every mosaic, appends the mosaics to the data file and the
   // frames' entries to the index, and publishes both files. Without an
   // earlier Write the files are created empty. On a read-form handle,
   // "Video tesserae is read-only.".
-  static void Flush(void* handle);
+  ZP_EXPORT static void Flush(void* handle);
 
   // Opens both files and checks them ("Could not open file.", "Invalid
   // file."), once; the reference parameters are left untouched. On a
   // write-form handle, "Video tesserae is write-only.".
-  static void Read(void* handle, void*& a, void*& b, void*& c);
+  ZP_EXPORT static void Read(void* handle, void*& a, void*& b, void*& c);
 
   // Does nothing.
-  static void Discard(void* handle, void*& a, void*& b);
+  ZP_EXPORT static void Discard(void* handle, void*& a, void*& b);
 
   // Closes and frees everything. A null handle is ignored.
-  static void Destroy(void* handle);
+  ZP_EXPORT static void Destroy(void* handle);
 
   // Reading back, this engine's own addition. The number of frames in the
   // index (Read first if it has not been called).

@@ -1,0 +1,3 @@
+#include "zelvarpack/resource.h"
+
+void* CResource::GetZelvarHtmlServer() { return owner_; }
