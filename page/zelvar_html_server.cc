@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "core/buffer_blocks.h"
 #include "core/file_lock.h"
 #include "core/identifiers.h"
 #include "core/sha256.h"
@@ -163,6 +164,9 @@ bool PlaceImages(PageState& page, const std::vector<PageSegment*>& images,
   }
   return anyPlaced;
 }
+
+// Pages of this size or more are written into a kept block (see DoWork).
+constexpr std::size_t kKeptOutputPage = std::size_t{512} << 10;
 
 // The blocks of pages' markup strings, kept from one page to the next: a
 // page's markup is about as large as the page, and on a block taken fresh
@@ -406,7 +410,18 @@ void CZelvarHtmlServer::DoWork() {
     page.inlineScriptsId = page.inlineScripts->Store();
   }
 
-  // 7. Write the new page.
+  // 7. Write the new page. A large page is written into a block of whole
+  // huge pages that its buffer keeps for the next large page when the server
+  // is destroyed (ZelvarBufferBlocks): a fresh block would cost a page fault
+  // for every 4 KB written. Such a block is at least 4 MB, so only pages of
+  // kKeptOutputPage bytes or more take one.
+  if (inputLength >= kKeptOutputPage && page.output.GetValueLength() == 0) {
+    std::size_t allocated = 0;
+    unsigned char* block = ZelvarBufferBlocks::Allocate(
+        std::max(ZelvarBufferBlocks::kHugeThreshold, page.markup.size() + inputLength / 4 + 65536),
+        &allocated);
+    ZelvarBufferBlocks::Adopt(page.output, block, 0, allocated);
+  }
   zelvarpack::page::WritePage(page, page.output);
   page.segments.clear();
   KeptMarkups::Give(page.markup);

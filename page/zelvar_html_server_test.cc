@@ -387,6 +387,29 @@ TEST_F(ScriptedPage, TextRunsComeOutAsTheyDidByteByByte) {
   }
 }
 
+// Large pages are written into blocks kept from one page to the next (the
+// markup's and the output's): a later, smaller page must not show anything
+// of the earlier one.
+TEST_F(ScriptedPage, LargePagesInKeptBlocksComeOutWhole) {
+  auto page = [](int paragraphs, const char* word) {
+    std::string body;
+    for (int i = 0; i < paragraphs; ++i) body += std::string("<p>") + word + "</p>\n";
+    return "<html><head></head><body>" + body + "</body></html>";
+  };
+  auto expected = [&page](int paragraphs, const char* word) {
+    std::string out = page(paragraphs, word);
+    for (char& c : out) c = c == '\n' ? ' ' : c;
+    return out;
+  };
+  for (const auto& [paragraphs, word] :
+       {std::pair{90000, "first"}, std::pair{60000, "second"}, std::pair{90000, "third"}}) {
+    SCOPED_TRACE(word);
+    const std::string text = page(paragraphs, word);
+    ASSERT_GE(text.size(), std::size_t{512} << 10);
+    EXPECT_EQ(Optimise(text, PageSettings()).page, expected(paragraphs, word));
+  }
+}
+
 TEST_F(ScriptedPage, ForwardsTheClientsAddressInBrackets) {
   server_.Reply("/dir/a.css", Ok("text/css", "p{color:red}"));
   Settings s = PageSettings();
