@@ -3,8 +3,17 @@
 #ifndef ZELVARPACK_HTML_ASCII_H_
 #define ZELVARPACK_HTML_ASCII_H_
 
+#include <bit>
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <string_view>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+#include "zelvarpack/html_events.h"
 
 namespace zelvarpack::html {
 
@@ -45,16 +54,91 @@ inline bool EqualsIgnoringAsciiCase(const unsigned char* bytes, const char* lite
   return true;
 }
 
-// The bytes that end a run of ordinary bytes in one tokenizer state. CR and
-// NUL always do, so that folding and dropping stay with the per-byte code.
-struct StopBytes {
-  explicit constexpr StopBytes(const char* stops) : marked{} {
-    marked[static_cast<unsigned char>('\r')] = true;
-    marked[0] = true;
-    for (; *stops != 0; ++stops) marked[static_cast<unsigned char>(*stops)] = true;
+// The first byte in [bytes, end) that is NUL or equal to A or B, or end.
+// Sixteen bytes at a time where the processor has SSE2: runs of plain text
+// and of attribute values are the bulk of a page.
+template <unsigned char A, unsigned char B>
+const unsigned char* FindNulOr(const unsigned char* bytes, const unsigned char* end) {
+#if defined(__SSE2__)
+  const __m128i va = _mm_set1_epi8(static_cast<char>(A));
+  const __m128i vb = _mm_set1_epi8(static_cast<char>(B));
+  const __m128i nul = _mm_setzero_si128();
+  while (end - bytes >= 16) {
+    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes));
+    const __m128i hits =
+        _mm_or_si128(_mm_cmpeq_epi8(block, nul),
+                     _mm_or_si128(_mm_cmpeq_epi8(block, va), _mm_cmpeq_epi8(block, vb)));
+    const int mask = _mm_movemask_epi8(hits);
+    if (mask != 0) return bytes + std::countr_zero(static_cast<unsigned>(mask));
+    bytes += 16;
   }
-  bool marked[256];
-};
+#endif
+  while (bytes < end && *bytes != 0 && *bytes != A && *bytes != B) ++bytes;
+  return bytes;
+}
+
+// The first byte in [bytes, end) that is a space or a control byte (0x20 or
+// below: every HTML whitespace byte, CR and NUL among them) or equal to A, B
+// or C, or end. The stops of names and unquoted values, with a few more
+// control bytes that the per-byte path then handles as ordinary bytes.
+template <unsigned char A, unsigned char B, unsigned char C>
+const unsigned char* FindSpaceOr(const unsigned char* bytes, const unsigned char* end) {
+#if defined(__SSE2__)
+  const __m128i space = _mm_set1_epi8(0x20);
+  const __m128i va = _mm_set1_epi8(static_cast<char>(A));
+  const __m128i vb = _mm_set1_epi8(static_cast<char>(B));
+  const __m128i vc = _mm_set1_epi8(static_cast<char>(C));
+  while (end - bytes >= 16) {
+    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes));
+    const __m128i low = _mm_cmpeq_epi8(_mm_min_epu8(block, space), block);
+    const __m128i hits =
+        _mm_or_si128(_mm_or_si128(low, _mm_cmpeq_epi8(block, va)),
+                     _mm_or_si128(_mm_cmpeq_epi8(block, vb), _mm_cmpeq_epi8(block, vc)));
+    const int mask = _mm_movemask_epi8(hits);
+    if (mask != 0) return bytes + std::countr_zero(static_cast<unsigned>(mask));
+    bytes += 16;
+  }
+#endif
+  while (bytes<end&& * bytes> 0x20 && *bytes != A && *bytes != B && *bytes != C) ++bytes;
+  return bytes;
+}
+
+// Copies n <= 16 bytes with at most four loads and stores, none of them
+// outside [from, from + n) or [to, to + n): the common length of names and
+// values, where a call to memcpy costs more than the copy.
+inline void CopyShort(unsigned char* to, const unsigned char* from, std::size_t n) {
+  if (n >= 8) {
+    std::uint64_t head, tail;
+    std::memcpy(&head, from, 8);
+    std::memcpy(&tail, from + n - 8, 8);
+    std::memcpy(to, &head, 8);
+    std::memcpy(to + n - 8, &tail, 8);
+  } else if (n >= 4) {
+    std::uint32_t head, tail;
+    std::memcpy(&head, from, 4);
+    std::memcpy(&tail, from + n - 4, 4);
+    std::memcpy(to, &head, 4);
+    std::memcpy(to + n - 4, &tail, 4);
+  } else if (n > 0) {
+    const unsigned char first = from[0], middle = from[n / 2], last = from[n - 1];
+    to[0] = first;
+    to[n / 2] = middle;
+    to[n - 1] = last;
+  }
+}
+
+// HtmlString::Append with the short copy inline when the string has room
+// (1 to 16 bytes; nothing at all is appended as by Append).
+inline void AppendBytes(HtmlString& out, const unsigned char* bytes, std::size_t count) {
+  if (count - 1 < 16 && count < static_cast<std::size_t>(out.capacity - out.length)) {
+    CopyShort(out.data + out.length, bytes, count);
+    out.length += static_cast<std::int32_t>(count);
+    out.data[out.length] = 0;
+    out.reset = 0;
+    return;
+  }
+  out.Append(bytes, count);
+}
 
 }  // namespace zelvarpack::html
 

@@ -102,33 +102,40 @@ bool StartsWithAnyIgnoringCase(const HtmlString& text, const char* const (&prefi
   return false;
 }
 
+// `name` (of the length the caller has checked) equals `lower` ASCII
+// case-insensitively; a mismatch is usually found at the first byte.
+template <std::size_t N>
+bool NameIs(const HtmlString& name, const char (&lower)[N]) {
+  return EqualsIgnoringAsciiCase(name.data, lower, N - 1);
+}
+
 // The text state a start tag's content is tokenized in; 0 when the tag's
 // content is markup.
 std::uint32_t ContentStateFor(const HtmlString& name) {
   switch (name.length) {
     case 3:
-      if (name.EqualsIgnoringCase("xmp")) return HtmlTokenizer::kRawtextState;
+      if (NameIs(name, "xmp")) return HtmlTokenizer::kRawtextState;
       break;
     case 5:
-      if (name.EqualsIgnoringCase("style")) return HtmlTokenizer::kRawtextState;
-      if (name.EqualsIgnoringCase("title")) return HtmlTokenizer::kRcdataState;
+      if (NameIs(name, "style")) return HtmlTokenizer::kRawtextState;
+      if (NameIs(name, "title")) return HtmlTokenizer::kRcdataState;
       break;
     case 6:
-      if (name.EqualsIgnoringCase("iframe")) return HtmlTokenizer::kRawtextState;
-      if (name.EqualsIgnoringCase("script")) return HtmlTokenizer::kScriptDataState;
+      if (NameIs(name, "iframe")) return HtmlTokenizer::kRawtextState;
+      if (NameIs(name, "script")) return HtmlTokenizer::kScriptDataState;
       break;
     case 7:
-      if (name.EqualsIgnoringCase("noembed")) return HtmlTokenizer::kRawtextState;
+      if (NameIs(name, "noembed")) return HtmlTokenizer::kRawtextState;
       break;
     case 8:
       // noscript is raw text, as for a page with scripting enabled.
-      if (name.EqualsIgnoringCase("noframes") || name.EqualsIgnoringCase("noscript")) {
+      if (NameIs(name, "noframes") || NameIs(name, "noscript")) {
         return HtmlTokenizer::kRawtextState;
       }
-      if (name.EqualsIgnoringCase("textarea")) return HtmlTokenizer::kRcdataState;
+      if (NameIs(name, "textarea")) return HtmlTokenizer::kRcdataState;
       break;
     case 9:
-      if (name.EqualsIgnoringCase("plaintext")) return HtmlTokenizer::kPlaintextState;
+      if (NameIs(name, "plaintext")) return HtmlTokenizer::kPlaintextState;
       break;
     default:
       break;

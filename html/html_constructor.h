@@ -21,6 +21,12 @@ class CHtmlConstructor : public CHtmlTokenizerEvents {
   void OnCharacter(HtmlTextToken* text) override {
     if (events != nullptr) events->OnText(text);
   }
+  // Runs of text go to the consumer's OnTextRun, whose base operation hands
+  // them on byte by byte.
+  bool TakesCharacterRuns() const override { return true; }
+  void OnCharacters(HtmlTextToken* text, const unsigned char* bytes, std::size_t count) override {
+    if (events != nullptr) events->OnTextRun(text, bytes, count);
+  }
 
   HtmlTokenizer* Tokenizer() { return tokenizer; }
 

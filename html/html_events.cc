@@ -118,3 +118,10 @@ CHtmlConstructorEvents::~CHtmlConstructorEvents() = default;
 void CHtmlConstructorEvents::OnTag(HtmlTagToken*) {}
 void CHtmlConstructorEvents::OnDoctype(HtmlDoctypeToken*) {}
 void CHtmlConstructorEvents::OnText(HtmlTextToken*) {}
+void CHtmlConstructorEvents::OnTextRun(HtmlTextToken* character, const unsigned char* bytes,
+                                       std::size_t count) {
+  for (std::size_t i = 0; i < count; ++i) {
+    character->text.data[0] = bytes[i];
+    OnText(character);
+  }
+}

@@ -12,76 +12,78 @@ using zelvarpack::html::IsHtmlSpace;
 CHtmlTokenizerEvents::~CHtmlTokenizerEvents() = default;
 
 // Indexed by state value; entry 0 and the public states keep their values.
+// Each entry is a plain function that calls one state step: an indirect call
+// through it costs less than one through a pointer to member.
 const HtmlTokenizer::StateStep HtmlTokenizer::kStateSteps[kStateCount] = {
-    nullptr,
-    &HtmlTokenizer::DataState,
-    &HtmlTokenizer::CharacterReferenceInDataState,
-    &HtmlTokenizer::RcdataState,
-    &HtmlTokenizer::CharacterReferenceInRcdataState,
-    &HtmlTokenizer::RcdataLessThanSignState,
-    &HtmlTokenizer::RawtextState,
-    &HtmlTokenizer::RawtextLessThanSignState,
-    &HtmlTokenizer::ScriptDataState,
-    &HtmlTokenizer::ScriptDataLessThanSignState,
-    &HtmlTokenizer::PlaintextState,
-    &HtmlTokenizer::TagOpenState,
-    &HtmlTokenizer::EndTagOpenState,
-    &HtmlTokenizer::TagNameState,
-    &HtmlTokenizer::RcdataEndTagOpenState,
-    &HtmlTokenizer::RcdataEndTagNameState,
-    &HtmlTokenizer::RawtextEndTagOpenState,
-    &HtmlTokenizer::RawtextEndTagNameState,
-    &HtmlTokenizer::ScriptDataEndTagOpenState,
-    &HtmlTokenizer::ScriptDataEndTagNameState,
-    &HtmlTokenizer::ScriptDataEscapeStartState,
-    &HtmlTokenizer::ScriptDataEscapeStartDashState,
-    &HtmlTokenizer::ScriptDataEscapedState,
-    &HtmlTokenizer::ScriptDataEscapedDashState,
-    &HtmlTokenizer::ScriptDataEscapedDashDashState,
-    &HtmlTokenizer::ScriptDataEscapedLessThanSignState,
-    &HtmlTokenizer::ScriptDataEscapedEndTagOpenState,
-    &HtmlTokenizer::ScriptDataEscapedEndTagNameState,
-    &HtmlTokenizer::ScriptDataDoubleEscapeStartState,
-    &HtmlTokenizer::ScriptDataDoubleEscapedState,
-    &HtmlTokenizer::ScriptDataDoubleEscapedDashState,
-    &HtmlTokenizer::ScriptDataDoubleEscapedDashDashState,
-    &HtmlTokenizer::ScriptDataDoubleEscapedLessThanSignState,
-    &HtmlTokenizer::ScriptDataDoubleEscapeEndState,
-    &HtmlTokenizer::BeforeAttributeNameState,
-    &HtmlTokenizer::AttributeNameState,
-    &HtmlTokenizer::AfterAttributeNameState,
-    &HtmlTokenizer::BeforeAttributeValueState,
-    &HtmlTokenizer::AttributeValueSingleQuotedState,
-    &HtmlTokenizer::AttributeValueUnquotedState,
-    &HtmlTokenizer::AttributeValueDoubleQuotedState,
-    &HtmlTokenizer::CharacterReferenceInAttributeValueState,
-    &HtmlTokenizer::AfterAttributeValueQuotedState,
-    &HtmlTokenizer::SelfClosingStartTagState,
-    &HtmlTokenizer::BogusCommentState,
-    &HtmlTokenizer::MarkupDeclarationOpenState,
-    &HtmlTokenizer::CommentStartState,
-    &HtmlTokenizer::CommentStartDashState,
-    &HtmlTokenizer::CommentState,
-    &HtmlTokenizer::CommentEndDashState,
-    &HtmlTokenizer::CommentEndState,
-    &HtmlTokenizer::CommentEndBangState,
-    &HtmlTokenizer::DoctypeState,
-    &HtmlTokenizer::BeforeDoctypeNameState,
-    &HtmlTokenizer::DoctypeNameState,
-    &HtmlTokenizer::AfterDoctypeNameState,
-    &HtmlTokenizer::AfterDoctypePublicKeywordState,
-    &HtmlTokenizer::BeforeDoctypePublicIdentifierState,
-    &HtmlTokenizer::DoctypePublicIdentifierDoubleQuotedState,
-    &HtmlTokenizer::DoctypePublicIdentifierSingleQuotedState,
-    &HtmlTokenizer::AfterDoctypePublicIdentifierState,
-    &HtmlTokenizer::BetweenDoctypePublicAndSystemIdentifiersState,
-    &HtmlTokenizer::AfterDoctypeSystemKeywordState,
-    &HtmlTokenizer::BeforeDoctypeSystemIdentifierState,
-    &HtmlTokenizer::DoctypeSystemIdentifierDoubleQuotedState,
-    &HtmlTokenizer::DoctypeSystemIdentifierSingleQuotedState,
-    &HtmlTokenizer::AfterDoctypeSystemIdentifierState,
-    &HtmlTokenizer::BogusDoctypeState,
-    &HtmlTokenizer::CdataSectionState,
+    &HtmlTokenizer::Step<&HtmlTokenizer::NoState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::DataState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::CharacterReferenceInDataState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::RcdataState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::CharacterReferenceInRcdataState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::RcdataLessThanSignState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::RawtextState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::RawtextLessThanSignState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::ScriptDataState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::ScriptDataLessThanSignState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::PlaintextState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::TagOpenState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::EndTagOpenState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::TagNameState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::RcdataEndTagOpenState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::RcdataEndTagNameState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::RawtextEndTagOpenState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::RawtextEndTagNameState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::ScriptDataEndTagOpenState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::ScriptDataEndTagNameState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::ScriptDataEscapeStartState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::ScriptDataEscapeStartDashState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::ScriptDataEscapedState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::ScriptDataEscapedDashState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::ScriptDataEscapedDashDashState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::ScriptDataEscapedLessThanSignState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::ScriptDataEscapedEndTagOpenState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::ScriptDataEscapedEndTagNameState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::ScriptDataDoubleEscapeStartState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::ScriptDataDoubleEscapedState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::ScriptDataDoubleEscapedDashState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::ScriptDataDoubleEscapedDashDashState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::ScriptDataDoubleEscapedLessThanSignState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::ScriptDataDoubleEscapeEndState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::BeforeAttributeNameState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::AttributeNameState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::AfterAttributeNameState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::BeforeAttributeValueState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::AttributeValueSingleQuotedState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::AttributeValueUnquotedState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::AttributeValueDoubleQuotedState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::CharacterReferenceInAttributeValueState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::AfterAttributeValueQuotedState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::SelfClosingStartTagState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::BogusCommentState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::MarkupDeclarationOpenState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::CommentStartState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::CommentStartDashState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::CommentState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::CommentEndDashState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::CommentEndState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::CommentEndBangState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::DoctypeState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::BeforeDoctypeNameState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::DoctypeNameState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::AfterDoctypeNameState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::AfterDoctypePublicKeywordState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::BeforeDoctypePublicIdentifierState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::DoctypePublicIdentifierDoubleQuotedState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::DoctypePublicIdentifierSingleQuotedState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::AfterDoctypePublicIdentifierState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::BetweenDoctypePublicAndSystemIdentifiersState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::AfterDoctypeSystemKeywordState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::BeforeDoctypeSystemIdentifierState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::DoctypeSystemIdentifierDoubleQuotedState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::DoctypeSystemIdentifierSingleQuotedState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::AfterDoctypeSystemIdentifierState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::BogusDoctypeState>,
+    &HtmlTokenizer::Step<&HtmlTokenizer::CdataSectionState>,
 };
 HtmlTokenizer::HtmlTokenizer() : state(kDataState) {
   static_assert(std::size(kStateSteps) == kStateCount, "one step per state value");
@@ -102,14 +104,12 @@ void HtmlTokenizer::Tokenize(unsigned char* input, int length) {
   length_ = static_cast<std::size_t>(length);
   // Every step returns a position that is already folded; the pass at
   // pos == length_ is the end-of-input pass.
+  fold_at_ = 0;
+  character_runs_ = events != nullptr && events->TakesCharacterRuns();
   std::size_t pos = Fold(0);
   while (pos <= length_) {
     const std::uint32_t current = state;
-    if (current < kStateCount && kStateSteps[current] != nullptr) {
-      pos = (this->*kStateSteps[current])(pos);
-    } else {
-      pos = Next(pos);  // no such state: the byte is skipped
-    }
+    pos = kStateSteps[current < kStateCount ? current : 0](*this, pos);
   }
   input_ = nullptr;
   length_ = 0;
@@ -118,20 +118,30 @@ void HtmlTokenizer::Tokenize(unsigned char* input, int length) {
 // ---------------------------------------------------------------------------
 // Helpers
 
-namespace {
+// Positions only grow from step to step, so the next CR is looked for once.
+std::size_t HtmlTokenizer::FoldSlow(std::size_t pos) {
+  if (last_was_cr_) {
+    while (pos < length_ && input_[pos] == '\n') ++pos;
+    last_was_cr_ = false;
+  }
+  if (pos < length_ && input_[pos] == '\r') {
+    input_[pos] = '\n';
+    last_was_cr_ = true;
+    fold_at_ = 0;
+    return pos;
+  }
+  const void* cr = pos < length_ ? std::memchr(input_ + pos, '\r', length_ - pos) : nullptr;
+  fold_at_ = cr != nullptr
+                 ? static_cast<std::size_t>(static_cast<const unsigned char*>(cr) - input_)
+                 : length_ + 1;
+  return pos;
+}
 
-// Per state, the bytes that need the per-byte path; all others are appended
-// to the token in one run.
-constexpr zelvarpack::html::StopBytes kTagNameStops("\t\n\f />");
-constexpr zelvarpack::html::StopBytes kAttributeNameStops("\t\n\f /=>");
-constexpr zelvarpack::html::StopBytes kDoubleQuotedValueStops("\"&");
-constexpr zelvarpack::html::StopBytes kSingleQuotedValueStops("'&");
-constexpr zelvarpack::html::StopBytes kUnquotedValueStops("\t\n\f &>");
-constexpr zelvarpack::html::StopBytes kCommentStops("-");
-constexpr zelvarpack::html::StopBytes kBogusCommentStops(">");
-constexpr zelvarpack::html::StopBytes kCdataSectionStops(">");
-
-}  // namespace
+// Most transitions return to Tokenize, which dispatches on `state`. Along the
+// common path through a tag (data, tag open, tag name, before attribute name,
+// attribute name, before attribute value, quoted value, after the value) a
+// state that sets the next state also calls its step directly, which means
+// the same; the path only goes forward, so such calls nest at most eight deep.
 
 bool HtmlTokenizer::Lookahead(std::size_t pos, const char* literal, std::size_t n) const {
   return length_ - pos >= n && std::memcmp(input_ + pos, literal, n) == 0;
@@ -155,7 +165,9 @@ void HtmlTokenizer::EmitReplacementCharacter() {
 void HtmlTokenizer::EmitTag() {
   if (events != nullptr) events->OnToken(nullptr, nullptr, &tag_);
   if (tag_.kind == HtmlTagToken::kStartTag && tag_.selfClosing == 0) {
-    last_start_tag_.Assign(tag_.name.data, static_cast<std::size_t>(tag_.name.length));
+    last_start_tag_.Forget();
+    zelvarpack::html::AppendBytes(last_start_tag_, tag_.name.data,
+                                  static_cast<std::size_t>(tag_.name.length));
   }
 }
 
@@ -208,24 +220,31 @@ bool HtmlTokenizer::CdataSectionAllowed() const {
 }
 
 // ---------------------------------------------------------------------------
-// Text states. Each emits one token per byte and scans its run of ordinary
-// bytes in place; a receiver may change `state` during any token, so the run
-// stops as soon as it has.
+// Text states. Each emits its runs of ordinary bytes as single events and the
+// bytes that need a decision one token at a time; a receiver may change
+// `state` during any token, so the state is checked after each.
 
 // Data state
 std::size_t HtmlTokenizer::DataState(std::size_t pos) {
   while (!AtEnd(pos)) {
+    // Tags often follow each other with no text between: "<" is tested
+    // before a run is looked for.
     const unsigned char c = input_[pos];
+    if (c == '<') {
+      state = kTagOpenState;
+      return TagOpenState(Next(pos));
+    }
     if (c == '&') {
       state = kCharacterReferenceInDataState;
       return Next(pos);
     }
-    if (c == '<') {
-      state = kTagOpenState;
-      return Next(pos);
+    const std::size_t after = EmitTextRun<'&', '<'>(pos);
+    if (after != pos) {
+      pos = after;
+    } else {
+      EmitCharacter(c);  // NUL included: in this state it is data
+      pos = Next(pos);
     }
-    EmitCharacter(c);  // NUL included: in this state it is data
-    pos = Next(pos);
     if (state != kDataState) return pos;
   }
   return pos + 1;
@@ -242,6 +261,9 @@ std::size_t HtmlTokenizer::CharacterReferenceInDataState(std::size_t pos) {
 // RCDATA state
 std::size_t HtmlTokenizer::RcdataState(std::size_t pos) {
   while (!AtEnd(pos)) {
+    pos = EmitTextRun<'&', '<'>(pos);
+    if (state != kRcdataState) return pos;
+    if (AtEnd(pos)) break;
     const unsigned char c = input_[pos];
     if (c == '&') {
       state = kCharacterReferenceInRcdataState;
@@ -268,6 +290,9 @@ std::size_t HtmlTokenizer::CharacterReferenceInRcdataState(std::size_t pos) {
 // RAWTEXT state
 std::size_t HtmlTokenizer::RawtextState(std::size_t pos) {
   while (!AtEnd(pos)) {
+    pos = EmitTextRun<'<', '<'>(pos);
+    if (state != kRawtextState) return pos;
+    if (AtEnd(pos)) break;
     const unsigned char c = input_[pos];
     if (c == '<') {
       state = kRawtextLessThanSignState;
@@ -283,6 +308,9 @@ std::size_t HtmlTokenizer::RawtextState(std::size_t pos) {
 // Script data state
 std::size_t HtmlTokenizer::ScriptDataState(std::size_t pos) {
   while (!AtEnd(pos)) {
+    pos = EmitTextRun<'<', '<'>(pos);
+    if (state != kScriptDataState) return pos;
+    if (AtEnd(pos)) break;
     const unsigned char c = input_[pos];
     if (c == '<') {
       state = kScriptDataLessThanSignState;
@@ -298,6 +326,9 @@ std::size_t HtmlTokenizer::ScriptDataState(std::size_t pos) {
 // PLAINTEXT state
 std::size_t HtmlTokenizer::PlaintextState(std::size_t pos) {
   while (!AtEnd(pos)) {
+    pos = EmitTextRun<0, 0>(pos);
+    if (state != kPlaintextState) return pos;
+    if (AtEnd(pos)) break;
     EmitTextByte(input_[pos]);
     pos = Next(pos);
     if (state != kPlaintextState) return pos;
@@ -318,12 +349,12 @@ std::size_t HtmlTokenizer::TagOpenState(std::size_t pos) {
     }
     if (c == '/') {
       state = kEndTagOpenState;
-      return Next(pos);
+      return EndTagOpenState(Next(pos));
     }
     if (IsAsciiAlpha(c)) {
       StartTag(HtmlTagToken::kStartTag, c);  // case kept
       state = kTagNameState;
-      return Next(pos);
+      return TagNameState(Next(pos));
     }
     if (c == '?') {
       // The bogus comment starts with the byte that led into it.
@@ -350,7 +381,7 @@ std::size_t HtmlTokenizer::EndTagOpenState(std::size_t pos) {
   if (IsAsciiAlpha(c)) {
     StartTag(HtmlTagToken::kEndTag, c);
     state = kTagNameState;
-    return Next(pos);
+    return TagNameState(Next(pos));
   }
   if (c == '>') {
     state = kDataState;
@@ -365,12 +396,12 @@ std::size_t HtmlTokenizer::EndTagOpenState(std::size_t pos) {
 // Tag name state
 std::size_t HtmlTokenizer::TagNameState(std::size_t pos) {
   while (!AtEnd(pos)) {
-    pos = AppendRun(pos, kTagNameStops, tag_.name);
+    pos = AppendNameRun<'/', '>', '>'>(pos, tag_.name);
     if (AtEnd(pos)) break;
     const unsigned char c = input_[pos];
     if (IsHtmlSpace(c)) {
       state = kBeforeAttributeNameState;
-      return Next(pos);
+      return BeforeAttributeNameState(Next(pos));
     }
     if (c == '/') {
       state = kSelfClosingStartTagState;
@@ -411,7 +442,7 @@ std::size_t HtmlTokenizer::BeforeAttributeNameState(std::size_t pos) {
     HtmlAttribute* attribute = tag_.AddAttribute();
     if (c != 0) attribute->name.Append(c);
     state = kAttributeNameState;
-    return Next(pos);
+    return AttributeNameState(Next(pos));
   }
   state = kDataState;
   return Reconsume(pos);
@@ -421,7 +452,7 @@ std::size_t HtmlTokenizer::BeforeAttributeNameState(std::size_t pos) {
 std::size_t HtmlTokenizer::AttributeNameState(std::size_t pos) {
   HtmlString& name = CurrentAttribute()->name;
   while (!AtEnd(pos)) {
-    pos = AppendRun(pos, kAttributeNameStops, name);
+    pos = AppendNameRun<'/', '=', '>'>(pos, name);
     if (AtEnd(pos)) break;
     const unsigned char c = input_[pos];
     if (IsHtmlSpace(c)) {
@@ -434,7 +465,7 @@ std::size_t HtmlTokenizer::AttributeNameState(std::size_t pos) {
     }
     if (c == '=') {
       state = kBeforeAttributeValueState;
-      return Next(pos);
+      return BeforeAttributeValueState(Next(pos));
     }
     if (c == '>') {
       state = kDataState;
@@ -490,12 +521,12 @@ std::size_t HtmlTokenizer::BeforeAttributeValueState(std::size_t pos) {
     if (c == '"') {
       CurrentAttribute()->quoting = HtmlAttribute::kDoubleQuoted;
       state = return_state_ = kAttributeValueDoubleQuotedState;
-      return Next(pos);
+      return AttributeValueQuoted<'"'>(Next(pos));
     }
     if (c == '\'') {
       CurrentAttribute()->quoting = HtmlAttribute::kSingleQuoted;
       state = return_state_ = kAttributeValueSingleQuotedState;
-      return Next(pos);
+      return AttributeValueQuoted<'\''>(Next(pos));
     }
     if (c == '&') {
       CurrentAttribute()->quoting = HtmlAttribute::kUnquoted;
@@ -517,15 +548,16 @@ std::size_t HtmlTokenizer::BeforeAttributeValueState(std::size_t pos) {
   return Reconsume(pos);
 }
 
-std::size_t HtmlTokenizer::AttributeValueQuoted(std::size_t pos, unsigned char quote) {
+template <unsigned char kQuote>
+std::size_t HtmlTokenizer::AttributeValueQuoted(std::size_t pos) {
   HtmlString& value = CurrentAttribute()->value;
   while (!AtEnd(pos)) {
-    pos = AppendRun(pos, quote == '"' ? kDoubleQuotedValueStops : kSingleQuotedValueStops, value);
+    pos = AppendRun<kQuote, '&'>(pos, value);
     if (AtEnd(pos)) break;
     const unsigned char c = input_[pos];
-    if (c == quote) {
+    if (c == kQuote) {
       state = kAfterAttributeValueQuotedState;
-      return Next(pos);
+      return AfterAttributeValueQuotedState(Next(pos));
     }
     if (c == '&') {
       state = kCharacterReferenceInAttributeValueState;
@@ -540,19 +572,19 @@ std::size_t HtmlTokenizer::AttributeValueQuoted(std::size_t pos, unsigned char q
 
 // Attribute value (double-quoted) state
 std::size_t HtmlTokenizer::AttributeValueDoubleQuotedState(std::size_t pos) {
-  return AttributeValueQuoted(pos, '"');
+  return AttributeValueQuoted<'"'>(pos);
 }
 
 // Attribute value (single-quoted) state
 std::size_t HtmlTokenizer::AttributeValueSingleQuotedState(std::size_t pos) {
-  return AttributeValueQuoted(pos, '\'');
+  return AttributeValueQuoted<'\''>(pos);
 }
 
 // Attribute value (unquoted) state
 std::size_t HtmlTokenizer::AttributeValueUnquotedState(std::size_t pos) {
   HtmlString& value = CurrentAttribute()->value;
   while (!AtEnd(pos)) {
-    pos = AppendRun(pos, kUnquotedValueStops, value);
+    pos = AppendNameRun<'&', '>', '>'>(pos, value);
     if (AtEnd(pos)) break;
     const unsigned char c = input_[pos];
     if (IsHtmlSpace(c)) {
@@ -968,7 +1000,7 @@ std::size_t HtmlTokenizer::ScriptDataDoubleEscapeEndState(std::size_t pos) {
 std::size_t HtmlTokenizer::BogusCommentState(std::size_t pos) {
   HtmlString& text = comment_.text;
   while (!AtEnd(pos)) {
-    pos = AppendRun(pos, kBogusCommentStops, text);
+    pos = AppendRun<'>', '>'>(pos, text);
     if (AtEnd(pos)) break;
     const unsigned char c = input_[pos];
     if (c == '>') {
@@ -1055,7 +1087,7 @@ std::size_t HtmlTokenizer::CommentStartDashState(std::size_t pos) {
 std::size_t HtmlTokenizer::CommentState(std::size_t pos) {
   HtmlString& text = comment_.text;
   while (!AtEnd(pos)) {
-    pos = AppendRun(pos, kCommentStops, text);
+    pos = AppendRun<'-', '-'>(pos, text);
     if (AtEnd(pos)) break;
     const unsigned char c = input_[pos];
     if (c == '-') {
@@ -1385,7 +1417,7 @@ std::size_t HtmlTokenizer::BogusDoctypeState(std::size_t pos) {
 std::size_t HtmlTokenizer::CdataSectionState(std::size_t pos) {
   HtmlString& text = cdata_.text;
   while (!AtEnd(pos)) {
-    pos = AppendRun(pos, kCdataSectionStops, text);
+    pos = AppendRun<'>', '>'>(pos, text);
     if (AtEnd(pos)) break;
     const unsigned char c = input_[pos];
     if (c == '>' && text.length >= 2 && text.data[text.length - 1] == ']' &&

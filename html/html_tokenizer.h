@@ -4,7 +4,8 @@
 // departures:
 //   - no character references are decoded ("&amp;" arrives as five bytes);
 //   - tag and attribute names keep their case;
-//   - character data is delivered one byte per token;
+//   - character data is delivered one byte per token, or as runs of bytes to
+//     a receiver that takes them (OnCharacters);
 //   - CR becomes LF in the caller's buffer, and a CR swallows every LF that
 //     follows it.
 //
@@ -28,6 +29,20 @@ class CHtmlTokenizerEvents {
   // One byte of character data: the hottest event, so a receiver may take it
   // without the three-way test. Same meaning as OnToken(text, null, null).
   virtual void OnCharacter(HtmlTextToken* text) { OnToken(text, nullptr, nullptr); }
+  // True for a receiver that takes runs of character data through
+  // OnCharacters. Asked once per Tokenize call; the others get every byte
+  // through OnCharacter, and a state they write in the middle of a run of
+  // text takes effect from the next byte.
+  virtual bool TakesCharacterRuns() const { return false; }
+  // A run of `count` (>= 1) bytes of character data, with the meaning of one
+  // OnCharacter per byte with `text` (the one-byte character record) holding
+  // that byte. A state written during a run takes effect after the run.
+  virtual void OnCharacters(HtmlTextToken* text, const unsigned char* bytes, std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i) {
+      text->text.data[0] = bytes[i];
+      OnCharacter(text);
+    }
+  }
 };
 
 class HtmlTokenizer {
@@ -130,22 +145,23 @@ class HtmlTokenizer {
   // A state step handles the byte at `pos` (or the end of input when pos is
   // the input's length) and returns where the next step starts; states with
   // runs of ordinary bytes may handle many bytes in one step.
-  using StateStep = std::size_t (HtmlTokenizer::*)(std::size_t pos);
+  using StateStep = std::size_t (*)(HtmlTokenizer& tokenizer, std::size_t pos);
   static const StateStep kStateSteps[kStateCount];
+  template <std::size_t (HtmlTokenizer::*kStep)(std::size_t)>
+  static std::size_t Step(HtmlTokenizer& tokenizer, std::size_t pos) {
+    return (tokenizer.*kStep)(pos);
+  }
+  // Value 0 and values past the last state: the byte is skipped.
+  std::size_t NoState(std::size_t pos) { return Next(pos); }
 
   // Carriage-return folding for the byte at `pos`, done exactly once per byte
-  // reached: after a CR every LF is skipped, and a CR becomes an LF.
-  std::size_t Fold(std::size_t pos) {
-    if (last_was_cr_) {
-      while (pos < length_ && input_[pos] == '\n') ++pos;
-      last_was_cr_ = false;
-    }
-    if (pos < length_ && input_[pos] == '\r') {
-      input_[pos] = '\n';
-      last_was_cr_ = true;
-    }
-    return pos;
-  }
+  // reached: after a CR every LF is skipped, and a CR becomes an LF. Below
+  // fold_at_ there is nothing to fold, which is the common case.
+  std::size_t Fold(std::size_t pos) { return pos < fold_at_ ? pos : FoldSlow(pos); }
+  std::size_t FoldSlow(std::size_t pos);
+  // The end of the run that may start at `pos`: the input's end or the next
+  // byte that folding must see, whichever comes first.
+  std::size_t RunLimit() const { return fold_at_ < length_ ? fold_at_ : length_; }
   // The byte at `pos` is consumed: the next step starts after it.
   std::size_t Next(std::size_t pos) { return Fold(pos + 1); }
   // The byte at `pos` is handled again, in the state just set. Like every
@@ -155,16 +171,41 @@ class HtmlTokenizer {
   bool AtEnd(std::size_t pos) const { return pos >= length_; }
 
   // Appends the run of ordinary bytes from `pos` to `out` and returns the
-  // (folded) position of the first stop byte. A pending CR fold makes the
-  // run empty: the LFs after a CR are skipped by the per-byte path.
-  std::size_t AppendRun(std::size_t pos, const zelvarpack::html::StopBytes& stops,
-                        HtmlString& out) {
-    if (last_was_cr_) return pos;
-    std::size_t end = pos;
-    while (end < length_ && !stops.marked[input_[end]]) ++end;
-    if (end == pos) return pos;
-    out.Append(input_ + pos, end - pos);
-    return Fold(end);
+  // (folded) position of the first stop byte: NUL, A or B (AppendRun), or
+  // whitespace, a control byte, A, B or C (AppendNameRun). A run never
+  // crosses a CR, and a pending CR fold makes it empty: the LFs after a CR
+  // are skipped by the per-byte path.
+  template <unsigned char A, unsigned char B>
+  std::size_t AppendRun(std::size_t pos, HtmlString& out) {
+    const std::size_t limit = RunLimit();
+    if (pos >= limit) return pos;
+    return AppendTo(pos, zelvarpack::html::FindNulOr<A, B>(input_ + pos, input_ + limit), out);
+  }
+  template <unsigned char A, unsigned char B, unsigned char C>
+  std::size_t AppendNameRun(std::size_t pos, HtmlString& out) {
+    const std::size_t limit = RunLimit();
+    if (pos >= limit) return pos;
+    return AppendTo(pos, zelvarpack::html::FindSpaceOr<A, B, C>(input_ + pos, input_ + limit), out);
+  }
+  std::size_t AppendTo(std::size_t pos, const unsigned char* end, HtmlString& out) {
+    const std::size_t count = static_cast<std::size_t>(end - (input_ + pos));
+    if (count == 0) return pos;
+    zelvarpack::html::AppendBytes(out, input_ + pos, count);
+    return Fold(pos + count);
+  }
+  // Emits the run of text bytes from `pos` up to the first NUL, A or B as
+  // one OnCharacters event, and returns the (folded) position of that stop
+  // byte; `pos` itself when the run is empty, a CR fold is pending or the
+  // receiver takes no runs.
+  template <unsigned char A, unsigned char B>
+  std::size_t EmitTextRun(std::size_t pos) {
+    const std::size_t limit = RunLimit();
+    if (pos >= limit || !character_runs_) return pos;
+    const unsigned char* end = zelvarpack::html::FindNulOr<A, B>(input_ + pos, input_ + limit);
+    const std::size_t count = static_cast<std::size_t>(end - (input_ + pos));
+    if (count == 0) return pos;
+    if (events != nullptr) events->OnCharacters(&character_, input_ + pos, count);
+    return Fold(pos + count);
   }
   bool Lookahead(std::size_t pos, const char* literal, std::size_t n) const;
   bool LookaheadIgnoringCase(std::size_t pos, const char* literal, std::size_t n) const;
@@ -197,7 +238,8 @@ class HtmlTokenizer {
   std::size_t TextEndTagOpen(std::size_t pos, std::uint32_t text_state,
                              std::uint32_t end_tag_name_state);
   std::size_t TextEndTagName(std::size_t pos, std::uint32_t text_state);
-  std::size_t AttributeValueQuoted(std::size_t pos, unsigned char quote);
+  template <unsigned char kQuote>
+  std::size_t AttributeValueQuoted(std::size_t pos);
   std::size_t DoctypeIdentifierQuoted(std::size_t pos, HtmlString& identifier, unsigned char quote,
                                       std::uint32_t after_state);
   std::size_t BeforeDoctypeIdentifier(std::size_t pos, HtmlString& identifier,
@@ -277,8 +319,13 @@ class HtmlTokenizer {
   // The input of the running Tokenize call.
   unsigned char* input_ = nullptr;
   std::size_t length_ = 0;
+  // The receiver takes runs of character data (asked when Tokenize starts).
+  bool character_runs_ = false;
   // The byte just reached was a CR (now an LF); the LFs after it are skipped.
   bool last_was_cr_ = false;
+  // Positions below this hold no CR and follow no CR: Fold has nothing to do
+  // there. 0 while a CR's LFs are being skipped.
+  std::size_t fold_at_ = 0;
   // The attribute-value state an ampersand in a value returns to.
   std::uint32_t return_state_ = kAttributeValueDoubleQuotedState;
   // A tag has been started; tag_.name is then the most recent tag's name.

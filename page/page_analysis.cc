@@ -19,7 +19,12 @@ using html::NameIsOneOf;
 using html::TagRecord;
 using html::View;
 
-bool Is(std::string_view name, std::string_view wanted) { return NameIsOneOf(name, {wanted}); }
+// Called several times for every tag: the length is compared first, inline.
+bool Is(std::string_view name, std::string_view wanted) {
+  return name.size() == wanted.size() &&
+         html::EqualsIgnoringAsciiCase(reinterpret_cast<const unsigned char*>(name.data()),
+                                       wanted.data(), wanted.size());
+}
 
 std::string_view ValueOf(const AttributeRecord* attribute) {
   return attribute != nullptr ? std::string_view(attribute->value) : std::string_view();

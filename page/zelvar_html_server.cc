@@ -4,9 +4,11 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <string_view>
 #include <vector>
 
+#include "core/buffer_blocks.h"
 #include "core/file_lock.h"
 #include "core/identifiers.h"
 #include "core/sha256.h"
@@ -163,6 +165,61 @@ bool PlaceImages(PageState& page, const std::vector<PageSegment*>& images,
   return anyPlaced;
 }
 
+// Pages of this size or more are written into a kept block (see DoWork).
+constexpr std::size_t kKeptOutputPage = std::size_t{512} << 10;
+
+// The blocks of pages' markup strings, kept from one page to the next: a
+// page's markup is about as large as the page, and on a block taken fresh
+// from the system every page pays a page fault for each 4 KB it writes.
+// At most kKeptMarkups blocks of at most kMaxKeptMarkup bytes each, for the
+// whole process; safe to use from any thread.
+class KeptMarkups {
+ public:
+  static constexpr std::size_t kKeptMarkups = 4;
+  static constexpr std::size_t kMaxKeptMarkup = std::size_t{16} << 20;
+
+  // A kept block of at least `capacity` bytes moved into `markup` (which
+  // must be empty), or the block reserved fresh.
+  static void Take(std::string& markup, std::size_t capacity) {
+    {
+      std::lock_guard<std::mutex> lock(Mutex());
+      std::vector<std::string>& kept = Blocks();
+      for (std::size_t i = 0; i < kept.size(); ++i) {
+        if (kept[i].capacity() >= capacity) {
+          markup.swap(kept[i]);
+          kept.erase(kept.begin() + static_cast<std::ptrdiff_t>(i));
+          markup.clear();
+          return;
+        }
+      }
+    }
+    markup.reserve(capacity);
+  }
+
+  // Keeps the block of `markup` when there is room (else frees it); leaves
+  // `markup` empty without a block.
+  static void Give(std::string& markup) {
+    std::string block;
+    block.swap(markup);
+    if (block.capacity() > kMaxKeptMarkup) return;
+    block.clear();
+    std::lock_guard<std::mutex> lock(Mutex());
+    std::vector<std::string>& kept = Blocks();
+    if (kept.size() < kKeptMarkups) kept.push_back(std::move(block));
+  }
+
+ private:
+  // Never destroyed, so that servers destroyed at exit still find them.
+  static std::mutex& Mutex() {
+    static auto* mutex = new std::mutex;
+    return *mutex;
+  }
+  static std::vector<std::string>& Blocks() {
+    static auto* blocks = new std::vector<std::string>;
+    return *blocks;
+  }
+};
+
 }  // namespace
 
 CZelvarHtmlServer::CZelvarHtmlServer(char* cacheDirectory, std::int32_t optimise,
@@ -251,7 +308,11 @@ void CZelvarHtmlServer::DoWork() {
   // is returned unchanged must keep its own bytes: a page holding a CR is
   // tokenized from a copy.
   const std::size_t inputLength = static_cast<std::size_t>(page.input.GetValueLength());
-  page.markup.reserve(inputLength + inputLength / 8 + 256);
+  if (page.markup.empty()) {
+    KeptMarkups::Take(page.markup, inputLength + inputLength / 8 + 256);
+  } else {
+    page.markup.reserve(inputLength + inputLength / 8 + 256);
+  }
   if (std::memchr(page.input.GetValue(), '\r', inputLength) == nullptr) {
     page.constructor->Tokenizer()->Tokenize(page.input.GetValue(), static_cast<int>(inputLength));
   } else {
@@ -349,10 +410,21 @@ void CZelvarHtmlServer::DoWork() {
     page.inlineScriptsId = page.inlineScripts->Store();
   }
 
-  // 7. Write the new page.
+  // 7. Write the new page. A large page is written into a block of whole
+  // huge pages that its buffer keeps for the next large page when the server
+  // is destroyed (ZelvarBufferBlocks): a fresh block would cost a page fault
+  // for every 4 KB written. Such a block is at least 4 MB, so only pages of
+  // kKeptOutputPage bytes or more take one.
+  if (inputLength >= kKeptOutputPage && page.output.GetValueLength() == 0) {
+    std::size_t allocated = 0;
+    unsigned char* block = ZelvarBufferBlocks::Allocate(
+        std::max(ZelvarBufferBlocks::kHugeThreshold, page.markup.size() + inputLength / 4 + 65536),
+        &allocated);
+    ZelvarBufferBlocks::Adopt(page.output, block, 0, allocated);
+  }
   zelvarpack::page::WritePage(page, page.output);
   page.segments.clear();
-  std::string().swap(page.markup);
+  KeptMarkups::Give(page.markup);
 
   // 8. Give downloads still running one more time-out to end.
   page.fetches->Join(std::chrono::steady_clock::now() + timeout);
@@ -448,4 +520,41 @@ void CZelvarHtmlServer::OnText(HtmlTextToken* text) {
     return;
   }
   zelvarpack::page::AnalyseText(page, *text);
+}
+
+void CZelvarHtmlServer::OnTextRun(HtmlTextToken* character, const unsigned char* bytes,
+                                  std::size_t count) {
+  PageState& page = *state_;
+  if (!page.plainText || page.text != &page.markup) {
+    CHtmlConstructorEvents::OnTextRun(character, bytes, count);
+    return;
+  }
+  // Ordinary text, most of a page: visible bytes are copied, and blanks,
+  // tabs and line feeds collapse into one blank, byte for byte as OnText
+  // would do them one at a time. The run is written into room made for all
+  // of it, then the string is cut to what was written.
+  std::string& out = page.markup;
+  const std::size_t start = out.size();
+  out.resize(start + count);
+  char* const begin = out.data() + start;
+  char* to = begin;
+  bool blank = page.lastTextWasBlank;
+  for (std::size_t i = 0; i < count; ++i) {
+    unsigned char c = bytes[i];
+    if (c > ' ') {
+      *to++ = static_cast<char>(c);
+      blank = false;
+      continue;
+    }
+    if (c == '\t' || c == '\n') c = ' ';
+    if (c == ' ') {
+      if (blank) continue;
+      blank = true;
+    } else {
+      blank = false;
+    }
+    *to++ = static_cast<char>(c);
+  }
+  out.resize(start + static_cast<std::size_t>(to - begin));
+  page.lastTextWasBlank = blank;
 }

@@ -48,8 +48,9 @@ struct Optimised {
   bool sendStats = false;
 };
 
-std::unique_ptr<CZelvarHtmlServer> MakeServer(Settings& s) {
-  return std::make_unique<CZelvarHtmlServer>(
+template <typename Server = CZelvarHtmlServer>
+std::unique_ptr<Server> MakeServer(Settings& s) {
+  return std::make_unique<Server>(
       s.cache.data(), 1, s.fetchForeign, s.keepComments, s.serverAddress.empty(), s.timeout,
       s.handlerPath.data(), nullptr,
       s.clientAddress.empty() ? nullptr : reinterpret_cast<unsigned char*>(s.clientAddress.data()),
@@ -60,8 +61,9 @@ std::unique_ptr<CZelvarHtmlServer> MakeServer(Settings& s) {
       static_cast<std::int32_t>(s.pageUrl.size()), "utf-8", "en", nullptr, nullptr, s.userAgent);
 }
 
+template <typename Server = CZelvarHtmlServer>
 Optimised Optimise(std::string page, Settings s) {
-  auto server = MakeServer(s);
+  auto server = MakeServer<Server>(s);
   server->AddWork(reinterpret_cast<unsigned char*>(page.data()),
                   static_cast<std::int32_t>(page.size()));
   server->DoWork();
@@ -358,6 +360,54 @@ TEST_F(ScriptedPage, WhitespaceCollapsesOutsidePreformattedText) {
   EXPECT_EQ(o.page,
             "<html><head></head><body>a b <img src=''> c<pre>\n  x \n</pre>"
             "<textarea>  y  </textarea></body></html>");
+}
+
+// The page server as it was before runs of text: every byte of text through
+// OnText, by the base operation of OnTextRun.
+class ByteByByteServer : public CZelvarHtmlServer {
+ public:
+  using CZelvarHtmlServer::CZelvarHtmlServer;
+  void OnTextRun(HtmlTextToken* character, const unsigned char* bytes, std::size_t count) override {
+    CHtmlConstructorEvents::OnTextRun(character, bytes, count);
+  }
+};
+
+TEST_F(ScriptedPage, TextRunsComeOutAsTheyDidByteByByte) {
+  const std::string pages[] = {
+      "<html><head><title> a \n b </title></head><body> \n\t x\f\x01y \n&amp; \n"
+      "<p>  z  </p>\r\n \r\n<code> c  d </code> e  <pre> f \n g </pre>  h\t\ti </body></html>",
+      std::string("<html><head></head><body>a\0 b  &  c\0\0 d</body></html>", 53),
+      "<html><head><style> p { } </style><script> var a  =  1; </script></head>"
+      "<body><textarea> t  u </textarea> v <!-- w  x --> y<![CDATA[ q ]]>  </body></html>",
+  };
+  for (const std::string& page : pages) {
+    SCOPED_TRACE(page);
+    EXPECT_EQ(Optimise(page, PageSettings()).page,
+              Optimise<ByteByByteServer>(page, PageSettings()).page);
+  }
+}
+
+// Large pages are written into blocks kept from one page to the next (the
+// markup's and the output's): a later, smaller page must not show anything
+// of the earlier one.
+TEST_F(ScriptedPage, LargePagesInKeptBlocksComeOutWhole) {
+  auto page = [](int paragraphs, const char* word) {
+    std::string body;
+    for (int i = 0; i < paragraphs; ++i) body += std::string("<p>") + word + "</p>\n";
+    return "<html><head></head><body>" + body + "</body></html>";
+  };
+  auto expected = [&page](int paragraphs, const char* word) {
+    std::string out = page(paragraphs, word);
+    for (char& c : out) c = c == '\n' ? ' ' : c;
+    return out;
+  };
+  for (const auto& [paragraphs, word] :
+       {std::pair{90000, "first"}, std::pair{60000, "second"}, std::pair{90000, "third"}}) {
+    SCOPED_TRACE(word);
+    const std::string text = page(paragraphs, word);
+    ASSERT_GE(text.size(), std::size_t{512} << 10);
+    EXPECT_EQ(Optimise(text, PageSettings()).page, expected(paragraphs, word));
+  }
 }
 
 TEST_F(ScriptedPage, ForwardsTheClientsAddressInBrackets) {

@@ -152,6 +152,11 @@ class CHtmlConstructorEvents {
   virtual void OnDoctype(HtmlDoctypeToken* doctype);
   // Character data (kind 0, normally one byte) or a whole comment (kind 1).
   virtual void OnText(HtmlTextToken* text);
+  // A run of `count` (>= 1) bytes of character data, as most of a page's text
+  // arrives. It means exactly one OnText per byte with `character` (a
+  // one-byte character token) holding that byte, and that is what the base
+  // operation does; a consumer that overrides it takes the whole run at once.
+  virtual void OnTextRun(HtmlTextToken* character, const unsigned char* bytes, std::size_t count);
 };
 
 #endif  // ZELVARPACK_HTML_EVENTS_H_

@@ -105,6 +105,7 @@ class CZelvarHtmlServer : public CHtmlConstructorEvents {
   void OnTag(HtmlTagToken* tag) override;
   void OnDoctype(HtmlDoctypeToken* doctype) override;
   void OnText(HtmlTextToken* text) override;
+  void OnTextRun(HtmlTextToken* character, const unsigned char* bytes, std::size_t count) override;
 
  private:
   friend const zelvarpack::page::PageState& zelvarpack::page::StateOf(
