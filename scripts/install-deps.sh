@@ -16,11 +16,14 @@ set -euo pipefail
 # libjs-jquery, libjs-bootstrap4, fonts-font-awesome: the libraries the
 # sample site's jQuery and Bootstrap pages load, and with doxygen-awesome-css
 # the corpus of the minifier's browser check (tests/browser/css_compare.py).
+# nginx-dev: the installed nginx's own sources and configure flags, which the
+# nginx module (hosts/nginx) is built against; wrk: the module's load test.
 packages=(cmake ninja-build pkg-config g++ clang libclang-rt-14-dev libgtest-dev zlib1g-dev python3
   libcurl4-openssl-dev ca-certificates nginx openssl alsa-utils espeak-ng
   unixodbc-dev libsqliteodbc odbc-postgresql postgresql
   libpng-dev libjpeg62-turbo-dev libgif-dev libdeflate-dev apache2-data lomiri-wallpapers-20.04
-  chromium libjs-jquery libjs-bootstrap4 fonts-font-awesome doxygen-awesome-css "$@")
+  chromium libjs-jquery libjs-bootstrap4 fonts-font-awesome doxygen-awesome-css
+  nginx-dev wrk "$@")
 missing=()
 for package in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' ||
