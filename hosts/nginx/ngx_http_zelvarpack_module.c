@@ -1331,6 +1331,22 @@ ngx_http_zp_merge_loc_conf(ngx_conf_t *cf, void *parent, void *child)
         while (path->name.len > 1 && path->name.data[path->name.len - 1] == '/') {
             path->name.len--;
         }
+        /* The folders above it, when missing, are made now. */
+        if (path->name.len > 1) {
+            u_char  *full;
+
+            full = ngx_pnalloc(cf->pool, path->name.len + 1);
+            if (full == NULL) {
+                return NGX_CONF_ERROR;
+            }
+            ngx_memcpy(full, path->name.data, path->name.len);
+            full[path->name.len] = '\0';
+            if (ngx_create_full_path(full, 0755) != 0 && ngx_errno != NGX_EEXIST) {
+                ngx_conf_log_error(NGX_LOG_EMERG, cf, ngx_errno,
+                                   "cannot create the folders above \"%V\"", &path->name);
+                return NGX_CONF_ERROR;
+            }
+        }
         path->conf_file = cf->conf_file->file.name.data;
         path->line = cf->conf_file->line;
         if (ngx_add_path(cf, &path) != NGX_OK) {

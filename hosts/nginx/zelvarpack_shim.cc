@@ -8,6 +8,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <utility>
 
 #include "zelvarpack/zelvar_buffer.h"
 #include "zelvarpack/zelvar_css_server.h"
@@ -30,6 +31,16 @@ constexpr unsigned char kTransparentGif[] = {
 // page they hold for the whole page and are not written out.
 constexpr char kScriptsOff[] = "<!--zp_js_off-->";
 constexpr char kImagesOff[] = "<!--zp_image_off-->";
+
+// Replaces every `from` in `page` with `to`.
+std::string ReplaceAll(std::string page, const std::string& from, const std::string& to) {
+  std::size_t at = 0;
+  while ((at = page.find(from, at)) != std::string::npos) {
+    page.replace(at, from.size(), to);
+    at += to.size();
+  }
+  return page;
+}
 
 // Pages are handed over as signed 32-bit lengths.
 constexpr std::size_t kMaxLength = 0x7FFF0000;
@@ -74,7 +85,16 @@ int OptimisePage(zp_page_job_t* job) {
       job->accept_charset, job->accept_language, nullptr, nullptr, job->user_agent);
   if (job->scripts_off) optimiser.AddWork(Bytes(kScriptsOff), Length(kScriptsOff));
   if (job->images_off) optimiser.AddWork(Bytes(kImagesOff), Length(kImagesOff));
-  optimiser.AddWork(const_cast<unsigned char*>(job->in), static_cast<std::int32_t>(job->in_len));
+  if (job->scripts_off || job->images_off) {
+    // The page's own switches must not turn back on what its policy forbids.
+    std::string page(reinterpret_cast<const char*>(job->in), job->in_len);
+    if (job->scripts_off) page = ReplaceAll(std::move(page), "zp_js_on", "zp_js_off");
+    if (job->images_off) page = ReplaceAll(std::move(page), "zp_image_on", "zp_image_off");
+    if (page.size() > kMaxLength) return 0;
+    optimiser.AddWork(Bytes(page.c_str()), static_cast<std::int32_t>(page.size()));
+  } else {
+    optimiser.AddWork(const_cast<unsigned char*>(job->in), static_cast<std::int32_t>(job->in_len));
+  }
   optimiser.DoWork();
 
   bool gzip = false;
