@@ -174,7 +174,7 @@ class Front(Server):
     address whose port 80 serves the site) or of its own static root."""
 
     def __init__(self, module, cache, addr, upstream=None, root=None, settings="",
-                 location_extra="", workers=1, keep=None):
+                 location_extra="", workers=1, keep=None, main_extra=""):
         self.address = addr
         self.cache = cache
         body = """zelvarpack_cache {cache};
@@ -192,7 +192,7 @@ class Front(Server):
   }}""".format(cache=cache, a=addr, settings=settings, location_extra=location_extra,
                content=("zelvarpack_server_address %s;\n      proxy_pass http://%s:80;"
                         % (upstream, upstream)) if upstream else "root %s;" % root)
-        super().__init__("front", body, main_extra="load_module %s;" % module,
+        super().__init__("front", body, main_extra="load_module %s;\n%s" % (module, main_extra),
                          workers=workers, keep=keep)
 
     def url(self, path):
