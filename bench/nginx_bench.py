@@ -58,7 +58,7 @@ def main():
         www = os.path.join(origin.dir, "www")
         front = nodes.Front(
             module, os.path.join(scratch, "cache"), nodes.address(1), root=www, workers=2,
-            settings="zelvarpack_server_address %s;" % origin.address,
+            settings="zelvarpack_server_address %s; zelvarpack_page_memo 10s;" % origin.address,
             location_extra="} location /plain/ { alias %s/; gzip on; gzip_min_length 0; "
                            "} location /static/ { alias %s/;" % (www, scratch))
         page = front.url("/index.html")

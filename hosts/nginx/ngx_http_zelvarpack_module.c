@@ -48,6 +48,7 @@ typedef struct {
     ngx_str_t            thread_pool_name;
     ngx_thread_pool_t   *thread_pool;
     ngx_flag_t           handlers;
+    ngx_msec_t           page_memo;
 } ngx_http_zp_loc_conf_t;
 
 typedef enum {
@@ -93,6 +94,8 @@ typedef struct {
     int32_t              bytes_after;
     int32_t              requests_before;
     int32_t              requests_after;
+    uint32_t             memo_crc;   /* the page and everything that shapes */
+    uint32_t             memo_mix;   /* its result, hashed twice */
     ngx_http_zp_job_t   *job;        /* while the task runs */
     ngx_event_t          deadline;
     ngx_http_request_t  *request;
@@ -177,6 +180,13 @@ static ngx_command_t  ngx_http_zp_commands[] = {
       ngx_conf_set_str_slot,
       NGX_HTTP_LOC_CONF_OFFSET,
       offsetof(ngx_http_zp_loc_conf_t, thread_pool_name),
+      NULL },
+
+    { ngx_string("zelvarpack_page_memo"),
+      NGX_HTTP_MAIN_CONF|NGX_HTTP_SRV_CONF|NGX_HTTP_LOC_CONF|NGX_CONF_TAKE1,
+      ngx_conf_set_msec_slot,
+      NGX_HTTP_LOC_CONF_OFFSET,
+      offsetof(ngx_http_zp_loc_conf_t, page_memo),
       NULL },
 
     { ngx_string("zelvarpack_handlers"),
@@ -598,6 +608,135 @@ ngx_http_zp_pass(ngx_http_request_t *r, ngx_http_zp_ctx_t *ctx, ngx_chain_t *res
     return ngx_http_next_body_filter(r, cl);
 }
 
+
+/* The page memo: each worker keeps the last results of recently optimised
+ * pages for zelvarpack_page_memo, so a page asked for again and again is
+ * not optimised again every time. An entry is keyed by two hashes of the
+ * page's bytes and of everything that shapes the result (the location, the
+ * URL, the request headers the optimiser reads, the policy switches, gzip);
+ * a different page or request misses. Slots are direct-mapped and bounded,
+ * so the memo holds at most ZP_MEMO_SLOTS * ZP_MEMO_MAX_ENTRY bytes. */
+
+#define ZP_MEMO_SLOTS      32
+#define ZP_MEMO_MAX_ENTRY  (512 * 1024)
+
+typedef struct {
+    uint32_t    crc;
+    uint32_t    mix;
+    ngx_msec_t  expires;
+    u_char     *out;
+    size_t      out_len;
+    unsigned    out_gzip:1;
+    unsigned    send_stats:1;
+    int32_t     counters[4];
+} ngx_http_zp_memo_t;
+
+static ngx_http_zp_memo_t  ngx_http_zp_memo[ZP_MEMO_SLOTS];
+
+static void
+ngx_http_zp_hash_part(uint32_t *crc, uint32_t *mix, u_char *p, size_t len)
+{
+    size_t  i;
+
+    ngx_crc32_update(crc, p, len);
+    for (i = 0; i < len; i++) {
+        *mix = (*mix ^ p[i]) * 16777619u;
+    }
+}
+
+static void
+ngx_http_zp_memo_key(ngx_http_request_t *r, ngx_http_zp_ctx_t *ctx,
+    ngx_http_zp_loc_conf_t *conf)
+{
+    uint32_t          crc, mix;
+    u_char            flags[3 + sizeof(void *)];
+    ngx_flag_t        scripts_off, images_off;
+    ngx_table_elt_t  *h;
+    ngx_uint_t        i;
+    static const char *names[] = { "User-Agent", "Accept-Language", "Accept-Charset",
+                                   "Host", NULL };
+
+    ngx_crc32_init(crc);
+    mix = 2166136261u;
+    ngx_http_zp_read_csp(r, &scripts_off, &images_off);
+    flags[0] = (u_char) scripts_off;
+    flags[1] = (u_char) images_off;
+    flags[2] = (u_char) ngx_http_zp_accepts_gzip(r);
+    ngx_memcpy(flags + 3, &conf, sizeof(void *));
+    ngx_http_zp_hash_part(&crc, &mix, flags, sizeof(flags));
+    ngx_http_zp_hash_part(&crc, &mix, r->unparsed_uri.data, r->unparsed_uri.len);
+    for (i = 0; names[i] != NULL; i++) {
+        h = ngx_http_zp_find_header(&r->headers_in.headers, names[i], NULL);
+        ngx_http_zp_hash_part(&crc, &mix, (u_char *) "\n", 1);
+        if (h != NULL) {
+            ngx_http_zp_hash_part(&crc, &mix, h->value.data, h->value.len);
+        }
+    }
+    ngx_http_zp_hash_part(&crc, &mix, ctx->page, ctx->len);
+    ngx_crc32_final(crc);
+    ctx->memo_crc = crc;
+    ctx->memo_mix = mix;
+}
+
+/* True when the memo answered: ctx holds the result. */
+static ngx_flag_t
+ngx_http_zp_memo_find(ngx_http_request_t *r, ngx_http_zp_ctx_t *ctx)
+{
+    ngx_http_zp_memo_t  *m;
+
+    m = &ngx_http_zp_memo[ctx->memo_crc % ZP_MEMO_SLOTS];
+    if (m->out == NULL || m->crc != ctx->memo_crc || m->mix != ctx->memo_mix
+        || (ngx_msec_int_t) (m->expires - ngx_current_msec) <= 0)
+    {
+        return 0;
+    }
+    ctx->out = ngx_alloc(m->out_len, r->connection->log);
+    if (ctx->out == NULL) {
+        return 0;
+    }
+    ngx_memcpy(ctx->out, m->out, m->out_len);
+    ctx->out_len = m->out_len;
+    ctx->out_gzip = m->out_gzip;
+    ctx->send_stats = m->send_stats;
+    ctx->bytes_before = m->counters[0];
+    ctx->bytes_after = m->counters[1];
+    ctx->requests_before = m->counters[2];
+    ctx->requests_after = m->counters[3];
+    ctx->result = ZP_RESULT_OPTIMISED;
+    return 1;
+}
+
+static void
+ngx_http_zp_memo_keep(ngx_http_zp_ctx_t *ctx, ngx_msec_t ttl)
+{
+    u_char              *copy;
+    ngx_http_zp_memo_t  *m;
+
+    if (ttl == 0 || ctx->out_len == 0 || ctx->out_len > ZP_MEMO_MAX_ENTRY) {
+        return;
+    }
+    copy = ngx_alloc(ctx->out_len, ngx_cycle->log);
+    if (copy == NULL) {
+        return;
+    }
+    ngx_memcpy(copy, ctx->out, ctx->out_len);
+    m = &ngx_http_zp_memo[ctx->memo_crc % ZP_MEMO_SLOTS];
+    if (m->out != NULL) {
+        ngx_free(m->out);
+    }
+    m->crc = ctx->memo_crc;
+    m->mix = ctx->memo_mix;
+    m->expires = ngx_current_msec + ttl;
+    m->out = copy;
+    m->out_len = ctx->out_len;
+    m->out_gzip = ctx->out_gzip;
+    m->send_stats = ctx->send_stats;
+    m->counters[0] = ctx->bytes_before;
+    m->counters[1] = ctx->bytes_after;
+    m->counters[2] = ctx->requests_before;
+    m->counters[3] = ctx->requests_after;
+}
+
 static void ngx_http_zp_task(void *data, ngx_log_t *log);
 static void ngx_http_zp_task_done(ngx_event_t *ev);
 static void ngx_http_zp_deadline(ngx_event_t *ev);
@@ -766,8 +905,9 @@ ngx_http_zp_resume(ngx_http_request_t *r)
 static void
 ngx_http_zp_task_done(ngx_event_t *ev)
 {
-    ngx_http_zp_job_t   *job = ev->data;
-    ngx_http_zp_ctx_t   *ctx;
+    ngx_http_zp_job_t       *job = ev->data;
+    ngx_http_zp_ctx_t       *ctx;
+    ngx_http_zp_loc_conf_t  *conf;
 
     ctx = job->ctx;
     if (ctx == NULL) {
@@ -795,6 +935,8 @@ ngx_http_zp_task_done(ngx_event_t *ev)
         ctx->requests_after = job->page.requests_after;
         ctx->result = ZP_RESULT_OPTIMISED;
         job->page.out = NULL;
+        conf = ngx_http_get_module_loc_conf(ctx->request, ngx_http_zelvarpack_module);
+        ngx_http_zp_memo_keep(ctx, conf->page_memo);
     } else {
         ctx->result = ZP_RESULT_FAILED;
     }
@@ -966,6 +1108,13 @@ ngx_http_zp_body_filter(ngx_http_request_t *r, ngx_chain_t *in)
     if (!last) {
         return NGX_OK;
     }
+    if (conf->page_memo && ctx->len != 0) {
+        ngx_http_zp_memo_key(r, ctx, conf);
+        if (ngx_http_zp_memo_find(r, ctx)) {
+            ctx->state = ZP_READY;
+            return ngx_http_zp_send(r, ctx);
+        }
+    }
     if (ctx->len == 0 || ngx_http_zp_start(r, ctx) != NGX_OK) {
         /* Could not hand it over: the page goes out as it came. */
         ctx->result = ZP_RESULT_FAILED;
@@ -1021,6 +1170,35 @@ ngx_http_zp_unescape(ngx_str_t *src, u_char *dst, size_t *len)
     return 1;
 }
 
+/* Handler answers are content-named, so they never change: each worker
+ * keeps the last ones it read (direct-mapped by id, bounded like the page
+ * memo) and answers them again without reading the cache folder. */
+
+#define ZP_ANSWER_SLOTS      64
+#define ZP_ANSWER_MAX_ENTRY  (256 * 1024)
+
+typedef struct {
+    u_char      id[38];
+    int         kind;
+    int         gzip_asked;
+    u_char     *data;
+    size_t      len;
+    const char *type;
+    unsigned    gzip:1;
+    unsigned    vary:1;
+} ngx_http_zp_answer_t;
+
+static ngx_http_zp_answer_t  ngx_http_zp_answers[ZP_ANSWER_SLOTS];
+
+static ngx_http_zp_answer_t *
+ngx_http_zp_answer_slot(u_char *id, int kind, int gzip_asked)
+{
+    uint32_t  crc;
+
+    crc = ngx_crc32_short(id, 38);
+    return &ngx_http_zp_answers[(crc ^ (uint32_t) (kind * 2 + gzip_asked)) % ZP_ANSWER_SLOTS];
+}
+
 static void
 ngx_http_zp_free_answer(void *data)
 {
@@ -1030,8 +1208,9 @@ ngx_http_zp_free_answer(void *data)
 static ngx_int_t
 ngx_http_zp_handler(ngx_http_request_t *r)
 {
-    int                      kind;
+    int                      kind, gzip_asked;
     u_char                  *id, *name, *etag;
+    ngx_http_zp_answer_t    *slot;
     size_t                   id_len;
     ngx_int_t                rc;
     ngx_buf_t               *b;
@@ -1110,10 +1289,36 @@ ngx_http_zp_handler(ngx_http_request_t *r)
         return ngx_http_send_header(r);
     }
 
-    if (!zp_handler_answer((const char *) conf->cache.data, kind, (const char *) id,
-                           ngx_http_zp_accepts_gzip(r) ? 1 : 0, &answer))
+    gzip_asked = ngx_http_zp_accepts_gzip(r) ? 1 : 0;
+    slot = ngx_http_zp_answer_slot(id, kind, gzip_asked);
+    if (slot->data != NULL && slot->kind == kind && slot->gzip_asked == gzip_asked
+        && ngx_memcmp(slot->id, id, 38) == 0)
+    {
+        ngx_memzero(&answer, sizeof(answer));
+        answer.fixed = slot->data;
+        answer.len = slot->len;
+        answer.type = slot->type;
+        answer.gzip = slot->gzip;
+        answer.vary = slot->vary;
+    } else if (!zp_handler_answer((const char *) conf->cache.data, kind, (const char *) id,
+                                  gzip_asked, &answer))
     {
         return NGX_HTTP_NOT_FOUND;
+    } else if (answer.data != NULL && answer.len <= ZP_ANSWER_MAX_ENTRY) {
+        /* The slot takes the bytes over; they live as long as the worker. */
+        if (slot->data != NULL) {
+            zp_free(slot->data);
+        }
+        ngx_memcpy(slot->id, id, 38);
+        slot->kind = kind;
+        slot->gzip_asked = gzip_asked;
+        slot->data = answer.data;
+        slot->len = answer.len;
+        slot->type = answer.type;
+        slot->gzip = answer.gzip;
+        slot->vary = answer.vary;
+        answer.fixed = answer.data;
+        answer.data = NULL;
     }
     if (answer.data != NULL) {
         cln = ngx_pool_cleanup_add(r->pool, 0);
@@ -1281,6 +1486,7 @@ ngx_http_zp_create_loc_conf(ngx_conf_t *cf)
     conf->keep_comments = NGX_CONF_UNSET;
     conf->max_page = NGX_CONF_UNSET_SIZE;
     conf->handlers = NGX_CONF_UNSET;
+    conf->page_memo = NGX_CONF_UNSET_MSEC;
     return conf;
 }
 
@@ -1301,6 +1507,7 @@ ngx_http_zp_merge_loc_conf(ngx_conf_t *cf, void *parent, void *child)
     ngx_conf_merge_size_value(conf->max_page, prev->max_page, 8 * 1024 * 1024);
     ngx_conf_merge_str_value(conf->thread_pool_name, prev->thread_pool_name, "");
     ngx_conf_merge_value(conf->handlers, prev->handlers, 0);
+    ngx_conf_merge_msec_value(conf->page_memo, prev->page_memo, 0);
 
     if (conf->max_page > 0x7FF00000) {
         ngx_conf_log_error(NGX_LOG_EMERG, cf, 0, "zelvarpack_max_page is larger than 2047m");

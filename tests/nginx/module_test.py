@@ -193,6 +193,32 @@ class ModuleTest(unittest.TestCase):
             self.assertNotIn(b"zp_image_off", page)
             self.assertTrue(page.lstrip().lower().startswith(b"<!doctype"))
 
+    def test_page_memo_answers_repeated_pages_without_the_optimiser(self):
+        memo = nodes.Front(MODULE, os.path.join(self.scratch, "memo-cache"), nodes.address(3),
+                           upstream=self.origin.address,
+                           settings="zelvarpack_page_memo 60s;")
+        self.addCleanup(memo.remove)
+
+        def origin_requests():
+            subprocess.run(["sleep", "0.3"])
+            return len(self.origin.access_lines())
+
+        first = nodes.get(memo.url("/index.html"))
+        count = origin_requests()
+        again = nodes.get(memo.url("/index.html"))
+        # Only the page itself was asked of the origin, no resources.
+        self.assertEqual(origin_requests(), count + 1)
+        self.assertEqual(again[2], first[2])
+        self.assertTrue(nodes.handler_urls(again[2]))
+        # Another browser, or another policy, is optimised afresh.
+        other = nodes.get(memo.url("/index.html"), {"User-Agent": "Mozilla/4.0 (compatible; MSIE 6.0; Windows NT 5.1)"})
+        self.assertGreater(origin_requests(), count + 2)
+        self.assertNotIn(b"IS.zp?", other[2])
+        no_eval = nodes.get(memo.url("/csp-eval.html"))[2]
+        self.assertNotIn(b"eval(", no_eval)
+        memo.stop()
+        self.assertFalse(memo.crashes())
+
     def test_statistics_header_and_log_variables(self):
         headers, _ = self.optimised("/stats.html")
         stats = headers.get("x-zelvarpack-stats", "")
