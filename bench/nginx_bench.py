@@ -6,7 +6,8 @@ plus a static copy of a combined stylesheet next to its handler URL. wrk
 measures each pair back to back in one run:
 
   latency     1 connection, 1 thread: p50 and p99 of the page warm (the
-              module's added latency is the difference from plain);
+              module's added latency is the difference from plain), with
+              the page memo (/) and without it (/no-memo/);
   throughput  16 connections, gzip accepted: pages per second;
   handlers    16 connections: CS.zp?ID against the same bytes as a file.
 
@@ -60,7 +61,10 @@ def main():
             module, os.path.join(scratch, "cache"), nodes.address(1), root=www, workers=2,
             settings="zelvarpack_server_address %s; zelvarpack_page_memo 10s;" % origin.address,
             location_extra="} location /plain/ { alias %s/; gzip on; gzip_min_length 0; "
-                           "} location /static/ { alias %s/;" % (www, scratch))
+                           "} location /no-memo/ { alias %s/; zelvarpack on; "
+                           "zelvarpack_server_address %s; "
+                           "} location /static/ { alias %s/;"
+                           % (www, www, origin.address, scratch))
         page = front.url("/index.html")
         status, headers, body = nodes.get(page)  # cold: fills the cache
         css = [u for u in nodes.handler_urls(body) if u.startswith(b"CS.zp")]
@@ -72,31 +76,40 @@ def main():
         with open(os.path.join(scratch, "same.css"), "wb") as f:
             f.write(nodes.get(front.url("/" + largest))[2])
 
+        no_memo = front.url("/no-memo/index.html")
+        nodes.get(no_memo)
         rows = []
         lat_plain = wrk(front.url("/plain/index.html"), 1, seconds)
         lat_module = wrk(page, 1, seconds)
-        rows.append(("warm page, 1 connection: p50 ms", lat_plain["p50"], lat_module["p50"]))
-        rows.append(("warm page, 1 connection: p99 ms", lat_plain["p99"], lat_module["p99"]))
+        lat_no_memo = wrk(no_memo, 1, seconds)
+        rows.append(("warm page, 1 connection: p50 ms", lat_plain["p50"], lat_module["p50"],
+                     lat_no_memo["p50"]))
+        rows.append(("warm page, 1 connection: p99 ms", lat_plain["p99"], lat_module["p99"],
+                     lat_no_memo["p99"]))
         thr_plain = wrk(front.url("/plain/index.html"), 16, seconds)
         thr_module = wrk(page, 16, seconds)
+        thr_no_memo = wrk(no_memo, 16, seconds)
         rows.append(("warm page, 16 connections, gzip: pages/s", thr_plain["rate"],
-                     thr_module["rate"]))
+                     thr_module["rate"], thr_no_memo["rate"]))
         static = wrk(front.url("/static/same.css"), 16, seconds, gzip=False)
         handler = wrk(front.url("/" + largest), 16, seconds, gzip=False)
         rows.append(("%d-byte stylesheet, 16 connections: p50 ms" % size, static["p50"],
-                     handler["p50"]))
+                     handler["p50"], None))
         rows.append(("%d-byte stylesheet, 16 connections: requests/s" % size, static["rate"],
-                     handler["rate"]))
+                     handler["rate"], None))
 
-        print("| measure | nginx plain | with the module |")
-        print("|---|---|---|")
-        for name, a, b in rows:
-            print("| %s | %.2f | %.2f |" % (name, a, b))
+        print("| measure | nginx plain (static file for the stylesheet) "
+              "| module, page memo 10s (CS.zp for the stylesheet) | module, no page memo |")
+        print("|---|---|---|---|")
+        for name, a, b, c in rows:
+            print("| %s | %.2f | %.2f | %s |" % (name, a, b, "-" if c is None else "%.2f" % c))
         print()
-        print("added latency p50 %.2f ms (goal <= 10), p99 %.2f ms (goal <= 30)"
-              % (lat_module["p50"] - lat_plain["p50"], lat_module["p99"] - lat_plain["p99"]))
-        print("throughput: module / plain gzip = %.3f (goal >= 0.5)"
-              % (thr_module["rate"] / thr_plain["rate"]))
+        for label, lat, thr in (("page memo", lat_module, thr_module),
+                                ("no page memo", lat_no_memo, thr_no_memo)):
+            print("%s: added latency p50 %.2f ms (goal <= 10), p99 %.2f ms (goal <= 30); "
+                  "throughput module / plain gzip = %.3f (goal >= 0.5)"
+                  % (label, lat["p50"] - lat_plain["p50"], lat["p99"] - lat_plain["p99"],
+                     thr["rate"] / thr_plain["rate"]))
         print("handler / static file time per request = %.2f (goal <= 1.5)"
               % (static["rate"] / handler["rate"]))
         if front.crashes():
