@@ -193,6 +193,28 @@ class ModuleTest(unittest.TestCase):
             self.assertNotIn(b"zp_image_off", page)
             self.assertTrue(page.lstrip().lower().startswith(b"<!doctype"))
 
+    def test_configuration_errors_are_refused_at_test_time(self):
+        cases = [
+            ("zelvarpack on;", "zelvarpack needs a cache folder"),
+            ("zelvarpack_cache %s/c; zelvarpack_max_page 2100m; zelvarpack on;" % self.scratch,
+             "larger than 2047m"),
+            ("zelvarpack_cache %s/c; zelvarpack maybe;" % self.scratch, "invalid value"),
+            ("zelvarpack_cache %s/c; zelvarpack_timeout soon;" % self.scratch, "invalid value"),
+        ]
+        for directives, message in cases:
+            with self.subTest(directives=directives):
+                conf = os.path.join(self.scratch, "bad.conf")
+                with open(conf, "w") as f:
+                    f.write("load_module %s;\nerror_log %s/bad.log;\npid %s/bad.pid;\n"
+                            "events {}\nhttp { %s server { listen %s:8081; } }\n"
+                            % (MODULE, self.scratch, self.scratch, directives,
+                               nodes.address(3)))
+                run = subprocess.run(["nginx", "-t", "-p", self.scratch, "-c", conf,
+                                      "-e", os.path.join(self.scratch, "bad.log")],
+                                     capture_output=True, text=True)
+                self.assertNotEqual(run.returncode, 0)
+                self.assertIn(message, run.stderr)
+
     def test_page_memo_answers_repeated_pages_without_the_optimiser(self):
         memo = nodes.Front(MODULE, os.path.join(self.scratch, "memo-cache"), nodes.address(3),
                            upstream=self.origin.address,
