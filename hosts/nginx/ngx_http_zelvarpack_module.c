@@ -94,6 +94,7 @@ typedef struct {
     int32_t              bytes_after;
     int32_t              requests_before;
     int32_t              requests_after;
+    unsigned             memo_keyed:1;
     uint32_t             memo_crc;   /* the page and everything that shapes */
     uint32_t             memo_mix;   /* its result, hashed twice */
     ngx_http_zp_job_t   *job;        /* while the task runs */
@@ -936,7 +937,9 @@ ngx_http_zp_task_done(ngx_event_t *ev)
         ctx->result = ZP_RESULT_OPTIMISED;
         job->page.out = NULL;
         conf = ngx_http_get_module_loc_conf(ctx->request, ngx_http_zelvarpack_module);
-        ngx_http_zp_memo_keep(ctx, conf->page_memo);
+        if (ctx->memo_keyed) {
+            ngx_http_zp_memo_keep(ctx, conf->page_memo);
+        }
     } else {
         ctx->result = ZP_RESULT_FAILED;
     }
@@ -1108,8 +1111,10 @@ ngx_http_zp_body_filter(ngx_http_request_t *r, ngx_chain_t *in)
     if (!last) {
         return NGX_OK;
     }
-    if (conf->page_memo && ctx->len != 0) {
+    /* Larger pages are not hashed on the event loop: they skip the memo. */
+    if (conf->page_memo && ctx->len != 0 && ctx->len <= ZP_MEMO_MAX_ENTRY) {
         ngx_http_zp_memo_key(r, ctx, conf);
+        ctx->memo_keyed = 1;
         if (ngx_http_zp_memo_find(r, ctx)) {
             ctx->state = ZP_READY;
             return ngx_http_zp_send(r, ctx);
