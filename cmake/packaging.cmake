@@ -65,9 +65,11 @@ if(TARGET zelvarpack_jar)
     install(FILES ${ZP_JAR_FILE} DESTINATION ${CMAKE_INSTALL_DATADIR}/java)
   endif()
 endif()
+# The module is made by nginx's own build (a custom target), so it is
+# installed as the file that build wrote.
 if(TARGET ngx_http_zelvarpack_module)
-  install(TARGETS ngx_http_zelvarpack_module
-          LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/nginx/modules)
+  get_target_property(ZP_NGINX_MODULE_SO ngx_http_zelvarpack_module MODULE_FILE)
+  install(FILES ${ZP_NGINX_MODULE_SO} DESTINATION ${CMAKE_INSTALL_LIBDIR}/nginx/modules)
 endif()
 
 # The Debian package. Its Depends are computed by dpkg-shlibdeps from what

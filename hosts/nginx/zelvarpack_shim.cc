@@ -78,11 +78,14 @@ int OptimisePage(zp_page_job_t* job) {
   const char* server = job->server_address;
   const char* client = job->client_address != nullptr ? job->client_address : "";
   const char* url = job->page_url != nullptr ? job->page_url : "";
-  CZelvarHtmlServer optimiser(
+  // The library exports no destructor for the optimiser: it is deleted
+  // through its virtual destructor, so it lives on the heap.
+  std::unique_ptr<CZelvarHtmlServer> owner(new CZelvarHtmlServer(
       cache.data(), 1, job->fetch_foreign != 0, job->keep_comments != 0,
       /*useOwnHost=*/server == nullptr, job->timeout_seconds, handlerPath.data(), nullptr,
       Bytes(client), Length(client), Bytes(server), Length(server), Bytes(url), Length(url),
-      job->accept_charset, job->accept_language, nullptr, nullptr, job->user_agent);
+      job->accept_charset, job->accept_language, nullptr, nullptr, job->user_agent));
+  CZelvarHtmlServer& optimiser = *owner;
   if (job->scripts_off) optimiser.AddWork(Bytes(kScriptsOff), Length(kScriptsOff));
   if (job->images_off) optimiser.AddWork(Bytes(kImagesOff), Length(kImagesOff));
   if (job->scripts_off || job->images_off) {
@@ -127,17 +130,21 @@ int HandlerAnswer(const char* cache, int kind, const char* id, int acceptsGzip,
     std::unique_ptr<CZelvarBuffer> bytes;
     bool wasGzip = false;
     if (kind == ZP_HANDLER_CSS) {
-      CZelvarCssServer server(folder.data());
-      bytes.reset(server.GetMinifiedId(id, gzip));
-      wasGzip = server.GetWasGzip();
+      // Deleted through its virtual destructor, as the library exports none.
+      std::unique_ptr<CZelvarCssServer> server(new CZelvarCssServer(folder.data()));
+      bytes.reset(server->GetMinifiedId(id, gzip));
       answer->type = "text/css";
     } else {
       CZelvarJSServer server(folder.data());
       bytes.reset(server.GetRawId(id, gzip));
-      wasGzip = server.GetWasGzip();
       answer->type = "application/javascript";
     }
     if (!bytes) return 0;
+    // Which form came back is told by the bytes themselves: a stylesheet or
+    // a script never starts with gzip's magic number, and the flag the
+    // call writes back is not reliable when a gzip file is missing.
+    wasGzip = bytes->GetValueLength() >= 2 && bytes->GetValue()[0] == 0x1F &&
+              bytes->GetValue()[1] == 0x8B;
     answer->data = CopyOut(bytes.get(), answer->len);
     if (answer->data == nullptr) return 0;
     answer->gzip = wasGzip ? 1 : 0;
