@@ -88,17 +88,14 @@ class LoadTest(unittest.TestCase):
         self.assertFalse(front.crashes())
 
 
+def why_wrk_is_missing():
+    if shutil.which("wrk"):
+        return None
+    return "wrk is not installed (scripts/install-deps.sh installs it)"
+
+
 def main():
-    global MODULE
-    MODULE = sys.argv.pop(1)
-    reason = nodes.why_cannot_run(MODULE)
-    if not reason and not shutil.which("wrk"):
-        reason = "wrk is not installed (scripts/install-deps.sh installs it)"
-    if reason:
-        print("skipped:", reason)
-        return nodes.SKIP
-    result = unittest.main(exit=False, verbosity=2).result
-    return 0 if result.wasSuccessful() else 1
+    return nodes.run_suite(globals(), why_wrk_is_missing)
 
 
 if __name__ == "__main__":

@@ -263,14 +263,7 @@ class ModuleTest(unittest.TestCase):
 
 
 def main():
-    global MODULE
-    MODULE = sys.argv.pop(1)
-    reason = nodes.why_cannot_run(MODULE)
-    if reason:
-        print("skipped:", reason)
-        return nodes.SKIP
-    result = unittest.main(exit=False, verbosity=2).result
-    return 0 if result.wasSuccessful() else 1
+    return nodes.run_suite(globals())
 
 
 if __name__ == "__main__":

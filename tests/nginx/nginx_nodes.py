@@ -229,3 +229,20 @@ def page_of(headers, body):
 
 def handler_urls(page):
     return sorted(set(re.findall(rb"[CJI]S\.zp\?\{[0-9A-F-]{36}\}", page)))
+
+
+def run_suite(suite_globals, *more_checks):
+    """Runs the calling test file's unittest classes with the module path
+    that CTest passes first, stored as the file's MODULE; 77 (skipped) when
+    this machine cannot run them, with the reason."""
+    import unittest
+    module = sys.argv.pop(1)
+    suite_globals["MODULE"] = module
+    reason = why_cannot_run(module)
+    for check in more_checks:
+        reason = reason or check()
+    if reason:
+        print("skipped:", reason)
+        return SKIP
+    result = unittest.main(module=suite_globals["__name__"], exit=False, verbosity=2).result
+    return 0 if result.wasSuccessful() else 1
