@@ -1,11 +1,10 @@
 #include "page/fetch_pool.h"
 
 #include <new>
-#include <system_error>
-#include <thread>
 #include <utility>
 
 #include "core/background_work.h"
+#include "core/kept_threads.h"
 #include "zelvarpack/zelvar_utils.h"
 
 namespace zelvarpack::page {
@@ -82,9 +81,7 @@ std::shared_ptr<FetchJob> FetchPool::Start(std::string publicUrl, std::string fe
 
 void FetchPool::StartThread() {
   BeginBackgroundWork();
-  try {
-    std::thread(RunDownloads, shared_).detach();
-  } catch (const std::system_error&) {
+  if (!RunOnKeptThread([shared = shared_] { RunDownloads(shared); })) {
     EndBackgroundWork();
     // No thread to be had: the queued jobs wait for a running thread, or,
     // when none runs, end unfetched so that nobody waits for them.

@@ -1,6 +1,6 @@
 // FetchPool runs the downloads of one page: at most kMaxRunning at once (the
-// rest wait in a queue), each on a thread of its own through
-// CZelvarUtils::DownloadUrl. The page's thread waits for them without
+// rest wait in a queue), each on a kept thread of its own (core/kept_threads.h)
+// through CZelvarUtils::DownloadUrl. The page's thread waits for them without
 // polling: the last download to finish wakes it.
 //
 // Ownership: the pool's shared state and every job are held by shared
