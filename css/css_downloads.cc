@@ -1,10 +1,10 @@
 #include "css/css_downloads.h"
 
 #include <atomic>
-#include <thread>
 #include <utility>
 
 #include "core/background_work.h"
+#include "core/kept_threads.h"
 #include "zelvarpack/zelvar_utils.h"
 
 namespace zelvarpack::css {
@@ -35,12 +35,12 @@ void CssDownloads::Start(std::shared_ptr<CssOutputEntry> entry) {
   lock.unlock();
   threads.fetch_add(1);
   zelvarpack::BeginBackgroundWork();
-  try {
-    std::thread([self = shared_from_this(), entry = std::move(entry)]() mutable {
-      self->Run(std::move(entry));
-      zelvarpack::EndBackgroundWork();
-    }).detach();
-  } catch (const std::system_error&) {
+  const bool started =
+      zelvarpack::RunOnKeptThread([self = shared_from_this(), entry = std::move(entry)]() mutable {
+        self->Run(std::move(entry));
+        zelvarpack::EndBackgroundWork();
+      });
+  if (!started) {
     // No thread to be had: the entry is simply never downloaded.
     zelvarpack::EndBackgroundWork();
     threads.fetch_sub(1);
