@@ -3,6 +3,13 @@
 // transaction. Jobs carry the composite's generation, so that a result for
 // bytes appended to since is recognised as stale.
 //
+// A job takes over the composite's deflate stream and continues it in
+// place. A later job for the same composite (its bytes grew after all)
+// follows it: it waits until the earlier one is done and continues the
+// stream that one kept, so one stream serves the whole chain and is never
+// copied just to be shared. The owner, too, can continue a stale result's
+// stream (Result::form.TakePrefix()).
+//
 // Thread safety: Submit and Drain are called by the one owning thread; the
 // helper threads it starts share the job queue under a mutex.
 #ifndef ZELVARPACK_STORE_BACKGROUND_COMPRESSOR_H_
@@ -14,6 +21,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -30,7 +38,7 @@ class BackgroundCompressor {
     bool ok = false;
   };
 
-  explicit BackgroundCompressor(bool keepPrefixes) : keepPrefixes_(keepPrefixes) {}
+  BackgroundCompressor() = default;
 
   BackgroundCompressor(const BackgroundCompressor&) = delete;
   BackgroundCompressor& operator=(const BackgroundCompressor&) = delete;
@@ -44,15 +52,20 @@ class BackgroundCompressor {
     for (std::thread& thread : threads_) thread.join();
   }
 
-  // False when no helper thread can run here (one core, or none started);
-  // the caller then compresses at the end.
+  // Compresses `plain`, generation `generation` of composite `id`,
+  // continuing `prefix` (a stream that consumed a prefix of it; taken over:
+  // null after a successful call) or, with `follows`, the stream kept by
+  // this composite's previous job when `prefix` is null. With `keepPrefix`
+  // the result keeps a stream over `plain`. False when no helper thread can
+  // run here (one core, or none started); the caller then compresses at the
+  // end. REQUIRES: `follows` only after a successful Submit for `id`.
   bool Submit(std::int32_t id, std::uint64_t generation, std::shared_ptr<const Bytes> plain,
-              std::shared_ptr<const GzipPrefix> prefix) {
+              std::shared_ptr<const GzipPrefix>& prefix, bool keepPrefix, bool follows) {
     if (!started_) Start();
     if (threads_.empty()) return false;
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      jobs_.push_back({id, generation, std::move(plain), std::move(prefix)});
+      jobs_.push_back({id, generation, std::move(plain), std::move(prefix), keepPrefix, follows});
     }
     work_.notify_one();
     return true;
@@ -65,7 +78,9 @@ class BackgroundCompressor {
     while (RunOne(lock)) {
     }
     idle_.wait(lock, [this] { return jobs_.empty() && busy_ == 0; });
-    return std::move(results_);
+    std::map<std::int32_t, Result> results;
+    results.swap(results_);
+    return results;
   }
 
  private:
@@ -74,6 +89,8 @@ class BackgroundCompressor {
     std::uint64_t generation;
     std::shared_ptr<const Bytes> plain;
     std::shared_ptr<const GzipPrefix> prefix;
+    bool keepPrefix;
+    bool follows;
   };
 
   void Start() {
@@ -103,16 +120,28 @@ class BackgroundCompressor {
     Job job = std::move(jobs_.front());
     jobs_.pop_front();
     ++busy_;
+    if (job.follows) {
+      // The previous job of this composite left the queue before this one;
+      // once it is done its result holds the stream to continue.
+      idle_.wait(lock, [&] { return running_.count(job.id) == 0; });
+      auto previous = results_.find(job.id);
+      if (job.prefix == nullptr && previous != results_.end() &&
+          previous->second.generation < job.generation) {
+        job.prefix = previous->second.form.TakePrefix();
+      }
+    }
+    running_.insert(job.id);
     lock.unlock();
     Result result;
     result.generation = job.generation;
     result.plain = std::move(job.plain);
     try {
-      result.ok = result.form.Make(*result.plain, job.prefix.get(), keepPrefixes_);
+      result.ok = result.form.Make(*result.plain, std::move(job.prefix), job.keepPrefix);
     } catch (...) {
       result.ok = false;
     }
     lock.lock();
+    running_.erase(running_.find(job.id));
     Result& slot = results_[job.id];
     if (slot.plain == nullptr || slot.generation < result.generation) slot = std::move(result);
     --busy_;
@@ -120,7 +149,6 @@ class BackgroundCompressor {
     return true;
   }
 
-  const bool keepPrefixes_;
   bool started_ = false;
   std::vector<std::thread> threads_;
   std::mutex mutex_;
@@ -128,6 +156,7 @@ class BackgroundCompressor {
   std::condition_variable idle_;            // a job finished
   std::deque<Job> jobs_;                    // guarded by mutex_
   std::map<std::int32_t, Result> results_;  // guarded by mutex_
+  std::multiset<std::int32_t> running_;     // composites being compressed; guarded by mutex_
   int busy_ = 0;                            // guarded by mutex_
   bool stop_ = false;                       // guarded by mutex_
 };

@@ -312,6 +312,48 @@ TEST_P(FileStore, ContinuedCompressionCommitsTheSameRowsAndBytes) {
   EXPECT_EQ(Read(last), files.back());
 }
 
+TEST_P(FileStore, ContinuedCompressionThroughFullCompositesCommitsTheSameRowsAndBytes) {
+  // The same texts again and again, cut at other places, until composites
+  // fill up and new ones open: continued streams (kept for composites that
+  // can still grow, none for full ones) across many files and within one
+  // (a small deferral limit writes composites early and touches them again).
+  const std::string gpl3 = RealFile("/usr/share/common-licenses/GPL-3");
+  const std::string gpl2 = RealFile("/usr/share/common-licenses/GPL-2");
+  std::vector<std::string> files;
+  for (std::size_t i = 0; i < 14; ++i) {
+    files.push_back(i % 4 == 3 ? gpl2.substr(i * 97) : gpl3.substr(i * 131));
+    // Runs whose chunks all share one fingerprint: 25 fill a composite.
+    if (i % 4 == 1) files.push_back(gpl3.substr(i * 1000, 3000) + std::string(9 * 4096, 'z'));
+  }
+  files.push_back(gpl3 + gpl2 + gpl3);
+  std::unique_ptr<StoreDatabase> eager = GetParam().make();
+  StoreOptions everyAppend;
+  everyAppend.deferCompression = false;
+  zelvarpack::store::CompositeCache cache;
+  StoreOptions cached;
+  cached.cache = &cache;
+  StoreOptions spilling = cached;
+  spilling.deferredBytesLimit = 30000;
+  for (std::size_t i = 0; i < files.size(); ++i) {
+    const auto* data = reinterpret_cast<const unsigned char*>(files[i].data());
+    const auto size = static_cast<std::int32_t>(files[i].size());
+    std::string error;
+    const std::int32_t expected = StoreFile(eager->Connection(), data, size, everyAppend, &error);
+    ASSERT_GT(expected, 0) << error;
+    EXPECT_EQ(StoreFile(connection_, data, size, i % 5 == 4 ? spilling : cached, &error), expected)
+        << i << ": " << error;
+  }
+  const std::vector<CompositeRow> composites = CompositeRows(connection_);
+  std::size_t full = 0;
+  for (const CompositeRow& row : composites) full += row.chunks == 25 ? 1 : 0;
+  EXPECT_GT(full, 0u);
+  EXPECT_LT(full, composites.size());
+  EXPECT_GT(cache.size(), 0u);
+  EXPECT_TRUE(CompositeRows(eager->Connection()) == composites);
+  EXPECT_EQ(ChunkRows(eager->Connection()), ChunkRows(connection_));
+  EXPECT_EQ(Read(static_cast<std::int32_t>(files.size())), files.back());
+}
+
 INSTANTIATE_TEST_SUITE_P(Engines, FileStore, ::testing::Values(kSqlite, kPostgres),
                          [](const ::testing::TestParamInfo<EngineCase>& info) {
                            return std::string(info.param.name);

@@ -22,8 +22,7 @@ FileWriter::FileWriter(Session& session, const Dialect& d, const StoreOptions& o
       d_(d),
       options_(options),
       session_(session),
-      cache_(options.deferCompression ? options.cache : nullptr),
-      compressor_(cache_ != nullptr) {}
+      cache_(options.deferCompression ? options.cache : nullptr) {}
 
 FileWriter::~FileWriter() {
   if (!published_) Publish(false);
@@ -76,6 +75,22 @@ bool FileWriter::Run(const unsigned char* bytes, std::int32_t count, std::int32_
   return WritePending();
 }
 
+bool FileWriter::KeepsPrefix(std::int32_t chunks) const {
+  return cache_ != nullptr && chunks < kMaxChunksPerComposite;
+}
+
+void FileWriter::Retire(std::int32_t id) {
+  if (cache_ == nullptr) return;
+  offered_.erase(id);
+  if (auto found = written_.find(id); found != written_.end()) {
+    found->second = nullptr;  // rewritten by this transaction before it commits
+  } else {
+    // Whatever this transaction does next, the entry goes: at the commit
+    // the new data replaces it, a rollback forgets it.
+    cache_->Forget(id);
+  }
+}
+
 std::shared_ptr<const CompositeCache::Entry> FileWriter::Known(std::int32_t id) {
   if (auto found = written_.find(id); found != written_.end()) return found->second;
   return cache_->Find(id);
@@ -92,16 +107,23 @@ bool FileWriter::Fetch(std::int32_t id, std::int32_t chunks, Bytes& data, bool c
     }
     plain = *entry->plain;
     prefix = entry->prefix;
+    Retire(id);
     return true;
   };
   if (take(vouched)) return true;
   if (cache_ == nullptr) {
     return haveData ? Unpack(data, compressed, plain) : ReadComposite(session_, d_, id, plain);
   }
+  std::shared_ptr<const CompositeCache::Entry> known = Known(id);
+  if (!haveData && known != nullptr && !known->stored.empty() && d_.compositeDataIs != nullptr) {
+    // The database compares what it holds with what the entry remembers.
+    bool same = false;
+    if (!CompositeDataIs(session_, d_, id, known->stored, same)) return false;
+    if (same && take(known.get())) return true;
+  }
   if (!haveData && !ReadCompositeData(session_, d_, id, data, compressed)) {
     return false;
   }
-  std::shared_ptr<const CompositeCache::Entry> known = Known(id);
   if (known != nullptr && known->stored == data && take(known.get())) return true;
   return Unpack(data, compressed, plain);
 }
@@ -371,7 +393,9 @@ void FileWriter::CompressWhatIsFinished(int bucket, std::int32_t touched) {
   };
   const auto consider = [&](std::int32_t id, Pending& entry) {
     if (entry.submitted || reachable(entry.bucket)) return;
-    entry.submitted = compressor_.Submit(id, entry.generation, entry.plain, entry.prefix);
+    entry.submitted = compressor_.Submit(id, entry.generation, entry.plain, entry.prefix,
+                                         KeepsPrefix(entry.chunks), entry.streamWithJob);
+    entry.streamWithJob = entry.streamWithJob || entry.submitted;
   };
   if (bucketDone) {
     for (auto& [id, entry] : pending_) consider(id, entry);
@@ -388,22 +412,27 @@ bool FileWriter::WritePending() {
   if (pending_.empty()) return true;
   std::map<std::int32_t, BackgroundCompressor::Result> done = compressor_.Drain();
   std::vector<const Bytes*> plains;
-  std::vector<const GzipPrefix*> prefixes;
+  std::vector<std::shared_ptr<const GzipPrefix>> prefixes;
+  std::vector<bool> keep;
   std::vector<StoredForm*> chosen(pending_.size(), nullptr);
   std::size_t i = 0;
-  for (const auto& [id, entry] : pending_) {
+  for (auto& [id, entry] : pending_) {
     auto result = done.find(id);
     if (result != done.end() && result->second.ok &&
         result->second.generation == entry.generation) {
       chosen[i] = &result->second.form;
     } else {
       plains.push_back(entry.plain.get());
-      prefixes.push_back(entry.prefix.get());
+      // The stream not yet taken by a job, else the one a stale job kept.
+      std::shared_ptr<const GzipPrefix> prefix = std::move(entry.prefix);
+      if (prefix == nullptr && result != done.end()) prefix = result->second.form.TakePrefix();
+      prefixes.push_back(std::move(prefix));
+      keep.push_back(KeepsPrefix(entry.chunks));
     }
     ++i;
   }
   std::vector<StoredForm> forms(plains.size());
-  if (!MakeStoredForms(plains, prefixes, cache_ != nullptr, forms)) return false;
+  if (!MakeStoredForms(plains, prefixes, keep, forms)) return false;
   struct Write {
     std::int32_t id;
     StoredForm* form;

@@ -57,9 +57,21 @@ class FileWriter {
     bool submitted = false;        // this generation went to the compressor
     std::int32_t chunks = 0;       // its chunks count after the last append
     // A stream that consumed a prefix of the bytes before this file's
-    // appends, when known; compression continues it.
+    // appends, when known; compression continues it. The composite's
+    // first background job takes it over.
     std::shared_ptr<const GzipPrefix> prefix;
+    // A background job was given this composite: the stream to continue
+    // is the one its latest job keeps.
+    bool streamWithJob = false;
   };
+
+  // Whether a stream over a composite of `chunks` chunks is worth keeping
+  // for a later append: only with a cache, and only while it can grow.
+  bool KeepsPrefix(std::int32_t chunks) const;
+
+  // Composite `id`'s remembered entry now stands for a pending composite:
+  // no longer offered or kept, so that its stream has one owner.
+  void Retire(std::int32_t id);
 
   // What is known of composite `id` as last written: by this transaction,
   // else as committed earlier.

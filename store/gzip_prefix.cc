@@ -3,6 +3,7 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <mutex>
 #include <unordered_map>
@@ -140,39 +141,54 @@ bool GzipPrefix::Finish(const unsigned char* bytes, std::size_t count,
   work->stream_->live = true;
   work->output_ = output_;
   work->consumed_ = consumed_;
-  return Continue(std::move(work), bytes, count, gzip, next);
+  return Continue(*work, bytes, count, gzip, next);
+}
+
+bool GzipPrefix::Finish(std::shared_ptr<const GzipPrefix> prefix, const unsigned char* bytes,
+                        std::size_t count, std::vector<unsigned char>& gzip,
+                        std::unique_ptr<GzipPrefix>* next) {
+  if (prefix == nullptr) return false;
+  if (prefix.use_count() != 1) return prefix->Finish(bytes, count, gzip, next);
+  // The only owner: no other thread holds the stream or can obtain it. The
+  // fence pairs with the release of the owners' count by the last of the
+  // others, so that their reads of the stream happen before it changes.
+  std::atomic_thread_fence(std::memory_order_acquire);
+  if (count <= prefix->consumed_) return false;
+  // Streams are never made const (Start and the copies create them
+  // mutable); const only kept shared owners from changing them.
+  auto& work = const_cast<GzipPrefix&>(*prefix);
+  return Continue(work, bytes, count, gzip, next);
 }
 
 bool GzipPrefix::Compress(const unsigned char* bytes, std::size_t count,
                           std::vector<unsigned char>& gzip, std::unique_ptr<GzipPrefix>* next) {
   std::unique_ptr<GzipPrefix> work = Start();
-  return count > 0 && work != nullptr && Continue(std::move(work), bytes, count, gzip, next);
+  return count > 0 && work != nullptr && Continue(*work, bytes, count, gzip, next);
 }
 
-bool GzipPrefix::Continue(std::unique_ptr<GzipPrefix> work, const unsigned char* bytes,
-                          std::size_t count, std::vector<unsigned char>& gzip,
-                          std::unique_ptr<GzipPrefix>* next) {
+bool GzipPrefix::Continue(GzipPrefix& work, const unsigned char* bytes, std::size_t count,
+                          std::vector<unsigned char>& gzip, std::unique_ptr<GzipPrefix>* next) {
   // Whole pieces go in without a flush: all of them when a stream is to be
   // kept (a string that ends on a piece boundary is then finished with no
   // further input, which gives the same output), else all but the last.
   const std::size_t flushFrom =
       next != nullptr ? count / kPiece * kPiece : (count - 1) / kPiece * kPiece;
-  for (; work->consumed_ < flushFrom; work->consumed_ += kPiece) {
-    if (!Feed(work->stream_->z, bytes + work->consumed_, kPiece, Z_NO_FLUSH, work->output_)) {
+  for (; work.consumed_ < flushFrom; work.consumed_ += kPiece) {
+    if (!Feed(work.stream_->z, bytes + work.consumed_, kPiece, Z_NO_FLUSH, work.output_)) {
       return false;
     }
   }
   if (next != nullptr) {
     std::unique_ptr<GzipPrefix> kept(new GzipPrefix);
-    if (deflateCopy(&kept->stream_->z, &work->stream_->z) != Z_OK) return false;
+    if (deflateCopy(&kept->stream_->z, &work.stream_->z) != Z_OK) return false;
     kept->stream_->live = true;
-    kept->output_ = work->output_;
-    kept->consumed_ = work->consumed_;
+    kept->output_ = work.output_;
+    kept->consumed_ = work.consumed_;
     *next = std::move(kept);
   }
-  gzip = std::move(work->output_);
+  gzip = std::move(work.output_);
   unsigned char area[kOutputArea];
-  z_stream& z = work->stream_->z;
+  z_stream& z = work.stream_->z;
   z.next_in = const_cast<unsigned char*>(bytes + flushFrom);
   z.avail_in = static_cast<uInt>(count - flushFrom);
   int status;

@@ -169,6 +169,39 @@ TEST(GzipPrefix, StoredBlocksAcrossWindowSlides) {
   }
 }
 
+// A stream with one owner is continued in place; one with another owner is
+// copied, and that owner's stream must be left exactly as it was.
+TEST(GzipPrefix, SharedStreamsContinueInPlaceOnlyForTheirLastOwner) {
+  const Bytes all = Mixed(31, 25 * 4096 - 77);
+  std::shared_ptr<const GzipPrefix> sole = GzipPrefix::Start();
+  std::shared_ptr<const GzipPrefix> shared = GzipPrefix::Start();
+  for (std::size_t end = 1000; end < all.size(); end += 6000) {
+    const Bytes part(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(end));
+    const Bytes expected = Whole(part);
+    Bytes gzip;
+    std::unique_ptr<GzipPrefix> next;
+    const std::size_t consumed = shared->consumed();
+    std::shared_ptr<const GzipPrefix> other = shared;  // a second owner
+    ASSERT_TRUE(GzipPrefix::Finish(std::move(other), part.data(), part.size(), gzip, &next));
+    ASSERT_EQ(gzip, expected) << end;
+    ASSERT_EQ(shared->consumed(), consumed);
+    Bytes again;
+    ASSERT_TRUE(shared->Finish(part.data(), part.size(), again, nullptr));
+    ASSERT_EQ(again, expected) << "the other owner's stream changed at " << end;
+    shared = std::move(next);
+
+    ASSERT_TRUE(GzipPrefix::Finish(std::move(sole), part.data(), part.size(), gzip, &next));
+    ASSERT_EQ(gzip, expected) << end;
+    ASSERT_EQ(next->consumed(), end / 4096 * 4096);
+    sole = std::move(next);
+  }
+  // Without a stream to keep, and the last bytes finish it.
+  Bytes gzip;
+  ASSERT_TRUE(GzipPrefix::Finish(std::move(sole), all.data(), all.size(), gzip, nullptr));
+  EXPECT_EQ(gzip, Whole(all));
+  EXPECT_FALSE(GzipPrefix::Finish(nullptr, all.data(), all.size(), gzip, nullptr));
+}
+
 TEST(GzipPrefix, RefusesBytesNoLongerThanWhatItConsumed) {
   const Bytes all = Mixed(3, 40000);
   std::unique_ptr<GzipPrefix> prefix = GzipPrefix::Start();
@@ -178,6 +211,8 @@ TEST(GzipPrefix, RefusesBytesNoLongerThanWhatItConsumed) {
   EXPECT_EQ(next->consumed(), 36864u);
   EXPECT_FALSE(next->Finish(all.data(), 36864, gzip, nullptr));
   EXPECT_FALSE(prefix->Finish(all.data(), 0, gzip, nullptr));
+  std::shared_ptr<const GzipPrefix> sole = std::move(next);
+  EXPECT_FALSE(GzipPrefix::Finish(std::move(sole), all.data(), 36864, gzip, nullptr));
 }
 
 }  // namespace

@@ -27,6 +27,21 @@ bool ReadCompositeData(Session& statements, const Dialect& d, std::int32_t id, B
   return ok;
 }
 
+bool CompositeDataIs(Session& statements, const Dialect& d, std::int32_t id, const Bytes& data,
+                     bool& same) {
+  same = false;
+  OdbcStatement* compare = statements.Prepared(d.compositeDataIs);
+  if (compare == nullptr) return false;
+  compare->SetBinary(1, data.data(), data.size(), d.longBinary);
+  compare->SetInt32(2, id);
+  if (!compare->Execute()) return false;
+  const OdbcStatement::Row row = compare->Fetch();
+  const bool ok = row == OdbcStatement::Row::kEnd ||
+                  (row == OdbcStatement::Row::kRow && compare->GetBit(1, same));
+  compare->CloseCursor();
+  return ok;
+}
+
 bool ReadComposite(Session& statements, const Dialect& d, std::int32_t id, Bytes& plain) {
   bool compressed = false;
   Bytes data;

@@ -32,6 +32,12 @@ bool ReadVersions(const Dialect& d, OdbcStatement* write,
 bool ReadCompositeData(Session& statements, const Dialect& d, std::int32_t id, Bytes& data,
                        bool& compressed);
 
+// Whether composite `id`'s data is exactly `data`, asked through the
+// dialect's compositeDataIs (which must not be null): `same` is false when
+// it differs or the composite is missing.
+bool CompositeDataIs(Session& statements, const Dialect& d, std::int32_t id, const Bytes& data,
+                     bool& same);
+
 // Reads a composite's uncompressed bytes by id.
 bool ReadComposite(Session& statements, const Dialect& d, std::int32_t id, Bytes& plain);
 

@@ -110,6 +110,9 @@ Dialect MakeSqlite() {
   static const std::string find =
       FindComposite("CAST(c.fft_rms * 100.0 AS INTEGER)", "CAST(? * 100.0 AS INTEGER)");
   d.findComposite = find.c_str();
+  // Blobs compare byte for byte; the driver hands data out as text to be
+  // decoded, which is dear, while a bound blob goes in as it is.
+  d.compositeDataIs = "SELECT data = ? FROM composite WHERE composite_id = ?";
   d.longBinary = true;
   d.tablesPresent =
       "SELECT COUNT(*) FROM sqlite_master WHERE type = 'table' "

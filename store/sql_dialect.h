@@ -67,6 +67,10 @@ struct Dialect {
   MatchColumns match;
   // (composite_id) -> is_compressed, data
   const char* compositeData;
+  // Or null. (data, composite_id) -> one row, one column: whether the
+  // composite's data is exactly the given bytes; the database compares
+  // them, so that the data need not come back to be compared here.
+  const char* compositeDataIs;
   // (data, fft_rms, is_compressed) -> composite_id
   const char* insertComposite;
   // (data, fft_rms, is_compressed, composite_id): one more chunk.

@@ -9,9 +9,11 @@
 
 namespace zelvarpack::store {
 
-bool StoredForm::Make(const Bytes& plain, const GzipPrefix* prefix, bool keepPrefix) {
+bool StoredForm::Make(const Bytes& plain, std::shared_ptr<const GzipPrefix> prefix,
+                      bool keepPrefix) {
   std::unique_ptr<GzipPrefix>* keep = keepPrefix ? &next_ : nullptr;
-  if (prefix == nullptr || !prefix->Finish(plain.data(), plain.size(), gzip_, keep)) {
+  if (prefix == nullptr ||
+      !GzipPrefix::Finish(std::move(prefix), plain.data(), plain.size(), gzip_, keep)) {
     next_.reset();
     if (!GzipPrefix::Compress(plain.data(), plain.size(), gzip_, keep)) return false;
   }
@@ -23,15 +25,15 @@ bool StoredForm::Make(const Bytes& plain, const GzipPrefix* prefix, bool keepPre
 }
 
 bool MakeStoredForms(const std::vector<const Bytes*>& plains,
-                     const std::vector<const GzipPrefix*>& prefixes, bool keepPrefixes,
-                     std::vector<StoredForm>& forms) {
+                     std::vector<std::shared_ptr<const GzipPrefix>>& prefixes,
+                     const std::vector<bool>& keepPrefixes, std::vector<StoredForm>& forms) {
   constexpr unsigned kMaxThreads = 8;
   std::atomic<std::size_t> next{0};
   std::atomic<bool> failed{false};
   const auto work = [&] {
     try {
       for (std::size_t i; (i = next++) < plains.size();) {
-        if (!forms[i].Make(*plains[i], prefixes[i], keepPrefixes)) failed = true;
+        if (!forms[i].Make(*plains[i], std::move(prefixes[i]), keepPrefixes[i])) failed = true;
       }
     } catch (...) {
       failed = true;

@@ -26,9 +26,11 @@ using Bytes = std::vector<unsigned char>;
 class StoredForm {
  public:
   // False when compression fails. With `prefix` (a stream that consumed a
-  // prefix of `plain`) the gzip form continues it; with `keepPrefix` the
-  // form also keeps a stream over `plain` for a later append.
-  bool Make(const Bytes& plain, const GzipPrefix* prefix = nullptr, bool keepPrefix = false);
+  // prefix of `plain`) the gzip form continues it, in place when this was
+  // its last owner (GzipPrefix::Finish); with `keepPrefix` the form also
+  // keeps a stream over `plain` for a later append.
+  bool Make(const Bytes& plain, std::shared_ptr<const GzipPrefix> prefix = nullptr,
+            bool keepPrefix = false);
   const unsigned char* bytes() const { return bytes_; }
   std::size_t count() const { return count_; }
   bool compressed() const { return compressed_; }
@@ -46,10 +48,11 @@ class StoredForm {
 // The stored forms of several composites at once: compression is where a
 // store spends its time, and the composites are independent, so they are
 // spread over the processor's cores (threads that live only for this call).
-// False when any compression fails.
+// `prefixes` are handed to Make (and released); `keepPrefixes` says for
+// which composites a stream is kept. False when any compression fails.
 bool MakeStoredForms(const std::vector<const Bytes*>& plains,
-                     const std::vector<const GzipPrefix*>& prefixes, bool keepPrefixes,
-                     std::vector<StoredForm>& forms);
+                     std::vector<std::shared_ptr<const GzipPrefix>>& prefixes,
+                     const std::vector<bool>& keepPrefixes, std::vector<StoredForm>& forms);
 
 // The uncompressed bytes of a composite as stored: gunzipped when flagged.
 bool Unpack(const Bytes& data, bool compressed, Bytes& plain);
