@@ -13,6 +13,12 @@ class CZelvarBuffer;
 
 namespace zelvarpack::cli {
 
+// The User-Agent the page commands send when none is given: a current
+// desktop browser, so that images may become sprites.
+inline constexpr char kDesktopUserAgent[] =
+    "Mozilla/5.0 (X11; Linux x86_64) AppleWebKit/537.36 (KHTML, like Gecko) "
+    "Chrome/156.0.0.0 Safari/537.36";
+
 // Thrown for bad usage or unreadable input; main prints the message on one
 // line and exits with status 2.
 class UsageError : public std::runtime_error {

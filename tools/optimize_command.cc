@@ -16,12 +16,6 @@ using zelvarpack::cli::ParseSeconds;
 
 namespace {
 
-// The User-Agent sent when none is given: a current desktop browser, so
-// that images may become sprites.
-constexpr char kDefaultUserAgent[] =
-    "Mozilla/5.0 (X11; Linux x86_64) AppleWebKit/537.36 (KHTML, like Gecko) "
-    "Chrome/156.0.0.0 Safari/537.36";
-
 struct Options {
   std::string url;
   std::string file;
@@ -32,7 +26,7 @@ struct Options {
   std::string serverAddress;
   bool fetchForeign = false;
   bool keepComments = false;
-  std::string userAgent = kDefaultUserAgent;
+  std::string userAgent = zelvarpack::cli::kDesktopUserAgent;
   std::string clientAddress;
   std::string output;
 };

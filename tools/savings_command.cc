@@ -17,17 +17,13 @@ using zelvarpack::cli::Fail;
 
 namespace {
 
-constexpr char kUserAgent[] =
-    "Mozilla/5.0 (X11; Linux x86_64) AppleWebKit/537.36 (KHTML, like Gecko) "
-    "Chrome/156.0.0.0 Safari/537.36";
-
 struct Options {
   std::string url;
   std::string file;
   std::string pageUrl;
   std::string dir;
   std::string serverUrl;
-  std::string userAgent = kUserAgent;
+  std::string userAgent = zelvarpack::cli::kDesktopUserAgent;
 };
 
 Options Parse(Arguments& args, bool withUserAgent) {
