@@ -22,12 +22,13 @@ set -euo pipefail
 # dpkg-dev: dpkg-shlibdeps, which names the Debian package's dependencies.
 # nginx-dev: the installed nginx's own sources and configure flags, which the
 # nginx module (hosts/nginx) is built against; wrk: the module's load test.
+# ccache: later runs of the test command recompile only what changed.
 packages=(cmake ninja-build pkg-config g++ dpkg-dev clang libclang-rt-14-dev libgtest-dev zlib1g-dev python3
   libcurl4-openssl-dev ca-certificates nginx openssl alsa-utils espeak-ng
   unixodbc-dev libsqliteodbc odbc-postgresql postgresql
   libpng-dev libjpeg62-turbo-dev libgif-dev libdeflate-dev apache2-data lomiri-wallpapers-20.04
   chromium libjs-jquery libjs-bootstrap4 fonts-font-awesome doxygen-awesome-css
-  openjdk-17-jdk-headless junit4 libjetty9-java libservlet-api-java nginx-dev wrk "$@")
+  openjdk-17-jdk-headless junit4 libjetty9-java libservlet-api-java nginx-dev wrk ccache "$@")
 missing=()
 for package in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' ||

@@ -8,6 +8,11 @@ cd "$(dirname "$0")/.."
 
 scripts/install-deps.sh
 jobs=$(nproc)
+# A compiler cache makes a second run, or a fresh checkout of a tree built
+# before, rebuild only what changed (CMake reads these on first configure).
+if command -v ccache >/dev/null; then
+  export CMAKE_C_COMPILER_LAUNCHER=ccache CMAKE_CXX_COMPILER_LAUNCHER=ccache
+fi
 
 # The download tests bind port 80 and 443 of their own loopback addresses
 # (as root), which a server listening on every address would block.
