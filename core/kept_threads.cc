@@ -15,7 +15,7 @@ namespace {
 class KeptThreads {
  public:
   bool Run(std::function<void()>&& task) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    std::unique_lock<std::mutex> lock(mutex_);
     // Each idle thread takes one queued task when it wakes; a task beyond
     // their number gets a thread of its own.
     const bool idleThreadFree = idle_ > tasks_.size();
@@ -25,6 +25,10 @@ class KeptThreads {
       return false;
     }
     if (idleThreadFree) {
+      // Woken after the unlock: a thread woken while the lock is held would
+      // run only to block on it again, a second wake-up for the caller to
+      // pay.
+      lock.unlock();
       wake_.notify_one();
       return true;
     }

@@ -106,11 +106,15 @@ void FetchPool::RunDownloads(std::shared_ptr<Shared> shared) {
     job->finished = true;
     job->done = !shared->abandoned;
     --shared->unfinished;
-    shared->changed.notify_all();
   }
   --shared->running;
-  shared->changed.notify_all();
+  // The page waits only for "none unfinished" and for "none running": it is
+  // woken when one of them has come true, once per page rather than once
+  // per download, and after the unlock, so that it does not wake only to
+  // block on the lock. `shared` keeps the condition variable alive.
+  const bool wake = shared->unfinished == 0 || shared->running == 0;
   lock.unlock();
+  if (wake) shared->changed.notify_all();
   EndBackgroundWork();
 }
 
