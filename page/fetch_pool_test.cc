@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -75,6 +76,50 @@ TEST_F(FetchPoolTest, ThePageWakesWhenTheLastDownloadEndsWhicheverItIs) {
   const Clock::time_point joinDeadline = Clock::now() + kLongDeadline;
   pool.Join(joinDeadline);
   EXPECT_LT(Clock::now(), joinDeadline - kLongDeadline / 2);
+}
+
+// Threads are started one from another: while jobs wait, the chain goes on
+// until kMaxRunning downloads run at once, and never beyond.
+TEST_F(FetchPoolTest, ThreadsStartedOneFromAnotherReachTheLimitTogether) {
+  struct Gate {
+    std::mutex mutex;
+    std::condition_variable changed;
+    int inside = 0;
+    int most = 0;
+    bool open = false;
+  };
+  auto gate = std::make_shared<Gate>();
+  const std::string reply = ResponseHead("HTTP/1.1 200 OK", {"Content-Length: 2"}) + "ok";
+  server_.Handle("/held", [gate, reply](ScriptedServer::Connection& c) {
+    {
+      std::unique_lock<std::mutex> lock(gate->mutex);
+      gate->most = std::max(gate->most, ++gate->inside);
+      gate->changed.notify_all();
+      gate->changed.wait(lock, [&] { return gate->open; });
+      --gate->inside;
+    }
+    c.Send(reply);
+  });
+  const std::string url = server_.Url("/held");
+  FetchPool pool(Settings());
+  std::vector<std::shared_ptr<FetchJob>> jobs;
+  for (int n = 0; n < FetchPool::kMaxRunning + 8; ++n) jobs.push_back(pool.Start(url, url));
+  {
+    // All of the first kMaxRunning are held at once before any may end.
+    std::unique_lock<std::mutex> lock(gate->mutex);
+    EXPECT_TRUE(gate->changed.wait_for(lock, std::chrono::seconds(30),
+                                       [&] { return gate->inside == FetchPool::kMaxRunning; }));
+    gate->open = true;
+  }
+  gate->changed.notify_all();
+  pool.WaitUntilFinished(Clock::now() + kLongDeadline);
+  pool.Abandon();
+  for (const auto& job : jobs) {
+    ASSERT_TRUE(pool.IsDone(*job));
+    EXPECT_EQ(Text(*job), "ok");
+  }
+  std::lock_guard<std::mutex> lock(gate->mutex);
+  EXPECT_EQ(gate->most, FetchPool::kMaxRunning);
 }
 
 TEST_F(FetchPoolTest, JoinWakesWhenTheDownloadsLeftBehindEnd) {
