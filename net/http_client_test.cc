@@ -70,12 +70,14 @@ TEST_F(HttpClient, SuccessiveCallsOnOneThreadCarryNothingOver) {
 
   const std::vector<std::string> requests = server_.Requests();
   ASSERT_EQ(requests.size(), 4u);
-  EXPECT_NE(requests[0].find("\r\nX-First: 1\r\nX-Empty:\r\n"), std::string::npos) << requests[0];
+  EXPECT_NE(requests[0].find("\r\nX-First: 1\r\n"), std::string::npos) << requests[0];
+  EXPECT_NE(requests[0].find("\r\nX-Empty:"), std::string::npos) << requests[0];
+  EXPECT_NE(requests[2].find("\r\nX-Quiet: 1\r\n"), std::string::npos) << requests[2];
   for (std::size_t i : {1u, 3u}) {
     SCOPED_TRACE(requests[i]);
+    const std::string line = std::string("GET ") + (i == 1 ? "/long" : "/ok") + " HTTP/1.1\r\n";
+    EXPECT_EQ(requests[i].compare(0, line.size(), line), 0);
     EXPECT_EQ(requests[i].find("X-"), std::string::npos);
-    EXPECT_EQ(requests[i], "GET " + std::string(i == 1 ? "/long" : "/ok") + " HTTP/1.1\r\nHost: " +
-                               LoopbackAddress(1) + "\r\nAccept: */*\r\n\r\n");
   }
 }
 
