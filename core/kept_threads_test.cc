@@ -8,6 +8,10 @@
 #include <set>
 #include <thread>
 
+#ifdef __linux__
+#include <sched.h>
+#endif
+
 namespace zelvarpack {
 namespace {
 
@@ -78,6 +82,22 @@ TEST(KeptThreads, TaskCapturesAreReleasedAfterTheTask) {
   for (int spin = 0; spin < 100000 && !watch.expired(); ++spin) std::this_thread::yield();
   EXPECT_TRUE(watch.expired());
 }
+
+#ifdef __linux__
+// Background work does not interrupt the thread that handed it over when
+// its reply wakes it; the caller's own thread keeps its policy.
+TEST(KeptThreads, TasksRunAsBatchWorkLeavingTheCallerAsItWas) {
+  Countdown done(1);
+  std::atomic<int> policy{-1};
+  ASSERT_TRUE(RunOnKeptThread([&] {
+    policy = ::sched_getscheduler(0);
+    done.Arrive();
+  }));
+  ASSERT_TRUE(done.WaitForZero(std::chrono::seconds(30)));
+  EXPECT_EQ(policy.load(), SCHED_BATCH);
+  EXPECT_EQ(::sched_getscheduler(0), SCHED_OTHER);
+}
+#endif
 
 }  // namespace
 }  // namespace zelvarpack

@@ -3,6 +3,7 @@
 #include <curl/curl.h>
 
 #include <chrono>
+#include <cstddef>
 #include <cstdlib>
 #include <mutex>
 
@@ -115,11 +116,71 @@ int OnProgress(void* user, curl_off_t, curl_off_t downloaded, curl_off_t, curl_o
   return zelvarpack::BackgroundWorkStopping() ? 1 : 0;
 }
 
-struct EasyDeleter {
-  void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
-};
 struct ListDeleter {
   void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+
+// Name lookups shared by every transfer of the process: a name is resolved
+// once per minute (libcurl's default lifetime of an entry) instead of once
+// per transfer, each of which would otherwise start a resolver thread.
+class SharedLookups {
+ public:
+  static CURLSH* Get() {
+    static SharedLookups* shared = new SharedLookups;  // never destroyed: threads may outlive exit
+    return shared->share_;
+  }
+
+ private:
+  SharedLookups() : share_(curl_share_init()) {
+    if (share_ == nullptr) return;
+    const bool ok = curl_share_setopt(share_, CURLSHOPT_LOCKFUNC, Lock) == CURLSHE_OK &&
+                    curl_share_setopt(share_, CURLSHOPT_UNLOCKFUNC, Unlock) == CURLSHE_OK &&
+                    curl_share_setopt(share_, CURLSHOPT_USERDATA, this) == CURLSHE_OK &&
+                    curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS) == CURLSHE_OK;
+    if (!ok) {
+      curl_share_cleanup(share_);
+      share_ = nullptr;
+    }
+  }
+
+  std::mutex& MutexFor(curl_lock_data data) {
+    return mutexes_[static_cast<std::size_t>(data) % kMutexes];
+  }
+  static void Lock(CURL*, curl_lock_data data, curl_lock_access, void* user) {
+    static_cast<SharedLookups*>(user)->MutexFor(data).lock();
+  }
+  static void Unlock(CURL*, curl_lock_data data, void* user) {
+    static_cast<SharedLookups*>(user)->MutexFor(data).unlock();
+  }
+
+  static constexpr std::size_t kMutexes = CURL_LOCK_DATA_LAST;
+  std::mutex mutexes_[kMutexes];
+  CURLSH* share_;
+};
+
+// One transfer handle per thread, reset to every option's default before
+// each call: a handle made for each call cost its allocations and, on its
+// first transfer, the internal poll set it builds (a socket pair and four
+// fcntl calls), for every download. A reset handle keeps only its buffers
+// and what a fresh handle would have rebuilt the same way: it holds no
+// connection (each transfer closes its own) and no cookies (never enabled).
+class ThreadHandle {
+ public:
+  ~ThreadHandle() {
+    if (easy_ != nullptr) curl_easy_cleanup(easy_);
+  }
+  // The thread's handle with default options, or null when none can be had.
+  CURL* Fresh() {
+    if (easy_ == nullptr) {
+      easy_ = curl_easy_init();
+    } else {
+      curl_easy_reset(easy_);
+    }
+    return easy_;
+  }
+
+ private:
+  CURL* easy_ = nullptr;
 };
 
 }  // namespace
@@ -128,8 +189,9 @@ HttpResponse HttpGet(const HttpRequest& request) {
   GlobalInitOnce();
   HttpResponse response;
   response.body = std::make_unique<CZelvarBuffer>();
-  std::unique_ptr<CURL, EasyDeleter> easy(curl_easy_init());
-  if (!easy) return response;
+  thread_local ThreadHandle handle;
+  CURL* h = handle.Fresh();
+  if (h == nullptr) return response;
 
   std::unique_ptr<curl_slist, ListDeleter> headers;
   for (const std::string& line : request.headers) {
@@ -155,8 +217,10 @@ HttpResponse HttpGet(const HttpRequest& request) {
 
   const std::string url = std::string(request.secure ? "https://" : "http://") + request.host +
                           (request.secure ? ":443" : ":80") + request.path;
-  CURL* h = easy.get();
   bool ok = curl_easy_setopt(h, CURLOPT_URL, url.c_str()) == CURLE_OK;
+  if (CURLSH* share = SharedLookups::Get()) {
+    ok = ok && curl_easy_setopt(h, CURLOPT_SHARE, share) == CURLE_OK;
+  }
   ok = ok && curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L) == CURLE_OK;
   ok = ok && curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https") == CURLE_OK;
   // Like the usual platform default, a secure request never continues in

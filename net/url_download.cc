@@ -1,6 +1,12 @@
 // CZelvarUtils::DownloadUrl: one GET with a revalidating disk cache.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -9,6 +15,7 @@
 #include <string_view>
 
 #include "core/cache_files.h"
+#include "core/file_lock.h"
 #include "core/identifiers.h"
 #include "net/http_client.h"
 #include "net/http_date.h"
@@ -63,13 +70,59 @@ struct CacheEntry {
   std::string body;
 };
 
+// The whole entry file into `bytes`; false when it does not exist, cannot be
+// read or holds more than kMaxEntryBytes. Shares the file with other readers
+// and waits while a writer holds it, as CZelvarUtils::OpenFileForReading
+// does, but a revalidation reads an entry on every page, so the common case
+// costs an open, the lock, one fstat and one read: no separate existence
+// check (a failed open that finds no file is the check) and no read just to
+// see the end (the lock keeps the size that fstat reports).
+bool ReadEntryFile(const std::string& path, std::string& bytes) {
+  FILE* file = zelvarpack::TryOpenLocked(path.c_str(), zelvarpack::FileShare::kReaders);
+  if (file == nullptr) {
+    if (!zelvarpack::PathExists(path.c_str())) return false;
+    file = CZelvarUtils::OpenFileForReading(path);  // held by a writer: waits
+    if (file == nullptr) return false;
+  }
+  const int fd = ::fileno(file);
+  struct stat info {};
+  bool ok = ::fstat(fd, &info) == 0 && info.st_size >= 0 &&
+            static_cast<std::uint64_t>(info.st_size) <= kMaxEntryBytes;
+  std::size_t length = 0;
+  if (ok) {
+    // One byte more than the size: a file that grew anyway is read on.
+    bytes.resize(static_cast<std::size_t>(info.st_size) + 1);
+    while (true) {
+      if (length == bytes.size()) {
+        if (bytes.size() > kMaxEntryBytes) {
+          ok = false;
+          break;
+        }
+        bytes.resize(std::min(bytes.size() * 2, kMaxEntryBytes + 1));
+      }
+      const ssize_t got = ::read(fd, bytes.data() + length, bytes.size() - length);
+      if (got < 0 && errno == EINTR) continue;
+      if (got <= 0) {
+        ok = got == 0;
+        break;
+      }
+      length += static_cast<std::size_t>(got);
+      // A regular file reads short only at its end.
+      if (length < bytes.size() && S_ISREG(info.st_mode)) break;
+    }
+  }
+  std::fclose(file);
+  if (!ok || length > kMaxEntryBytes) return false;
+  bytes.resize(length);
+  return true;
+}
+
 CacheEntry ReadEntry(const std::string& path) {
   CacheEntry entry;
-  const std::unique_ptr<CZelvarBuffer> file = ReadCacheFile(path, kMaxEntryBytes);
-  if (!file) return entry;
+  std::string file;
+  if (!ReadEntryFile(path, file)) return entry;
   entry.read = true;
-  std::string_view rest(reinterpret_cast<const char*>(file->GetValue()),
-                        static_cast<std::size_t>(file->GetValueLength()));
+  std::string_view rest(file);
   std::string_view lines[3];
   int found = 0;
   for (; found < 3; ++found) {
@@ -145,11 +198,13 @@ CZelvarBuffer* CZelvarUtils::DownloadUrl(char* cacheDirectory, const char* accep
   CacheEntry cached;
   if (cacheDirectory != nullptr) {
     const std::string folder = std::string(cacheDirectory) + "/res";
-    zelvarpack::EnsureFolder(folder);
     entryPath = folder + "/" +
                 MakeCacheName(UrlHash(reinterpret_cast<const unsigned char*>(decoded.data()),
                                       static_cast<std::int32_t>(decoded.size())));
     cached = ReadEntry(entryPath);
+    // An entry that could be read stands in its folder: only without one is
+    // the folder looked for (and made).
+    if (!cached.read) zelvarpack::EnsureFolder(folder);
     if (cached.read) {
       Add(bytesSent, static_cast<std::int64_t>(cached.etag.size() + cached.lastModified.size()));
     }

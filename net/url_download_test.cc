@@ -6,6 +6,8 @@
 #include <zlib.h>
 
 #include <atomic>
+#include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -389,6 +391,45 @@ TEST_F(ScriptedDownload, EntryWithoutBodySendsNoConditionsAnd304GivesNothing) {
   EXPECT_EQ(server_.Requests()[0].find("If-"), std::string::npos);
 }
 
+TEST_F(ScriptedDownload, A304IsAnsweredFromALargeEntryWhole) {
+  const std::string url = server_.Url("/big.css");
+  std::filesystem::create_directories(Cache() + "/res");
+  const std::string body = Lines(150000);  // several megabytes
+  WriteWholeFile(EntryPath(Cache(), url), "123\n\"big\"\n\n" + body);
+  server_.Reply("/big.css", ResponseHead("HTTP/1.1 304 Not Modified", {}));
+  Options o;
+  o.cache = Cache();
+  const Fetched f = Download(url, o);
+  EXPECT_EQ(f.body.size(), body.size());
+  EXPECT_TRUE(f.body == body);
+  ASSERT_EQ(server_.Requests().size(), 1u);
+  EXPECT_NE(server_.Requests()[0].find("If-None-Match: \"big\"\r\n"), std::string::npos);
+}
+
+TEST_F(ScriptedDownload, AnEntryHeldByAWriterIsReadOnceTheWriterIsDone) {
+  const std::string url = server_.Url("/held.css");
+  const std::string entry = EntryPath(Cache(), url);
+  std::filesystem::create_directories(Cache() + "/res");
+  WriteWholeFile(entry, "0\n\"old\"\n\nold");
+  server_.Reply("/held.css", ResponseHead("HTTP/1.1 304 Not Modified", {}));
+  FILE* writer = CZelvarUtils::OpenFileForWriting(entry);
+  ASSERT_NE(writer, nullptr);
+  Fetched f;
+  std::thread download([&] {
+    Options o;
+    o.cache = Cache();
+    f = Download(url, o);
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(150));
+  const std::string written = "0\n\"new\"\n\nnew body";
+  std::fwrite(written.data(), 1, written.size(), writer);
+  std::fclose(writer);
+  download.join();
+  EXPECT_EQ(f.body, "new body");
+  ASSERT_EQ(server_.Requests().size(), 1u);
+  EXPECT_NE(server_.Requests()[0].find("If-None-Match: \"new\"\r\n"), std::string::npos);
+}
+
 TEST_F(ScriptedDownload, WithoutCacheFolderTouchesNoFiles) {
   server_.Reply("/n.css", Ok({"ETag: \"n\""}, "n"));
   const auto before = std::filesystem::current_path();
@@ -484,7 +525,11 @@ TEST_F(NginxDownload, HttpsUsesPort443AndVerifiesTheCertificate) {
   EXPECT_EQ(Download("HTTPS://" + nginx_->address() + "/secure.css").body, "secure");  // plain :80
   zelvarpack::net::SetTrustedCertificatesForTesting(nginx_->CertificateAuthorityFile());
   EXPECT_EQ(Download(url).body, "secure");
+  EXPECT_EQ(Download(url).body, "secure");
+  // Calls on one thread share a transfer handle: neither the trusted file
+  // nor the session agreed under it may outlive the setting.
   zelvarpack::net::SetTrustedCertificatesForTesting("");
+  EXPECT_EQ(Download(url).body, "");
 }
 
 TEST_F(NginxDownload, ManyThreadsDownloadAtOnce) {

@@ -20,6 +20,8 @@ struct FetchPool::Shared {
   int running = 0;     // download threads alive
   int unfinished = 0;  // jobs started and not yet finished (queued or running)
   bool abandoned = false;
+  // A thread has been asked for and has not yet taken its first job.
+  bool threadStarting = false;
 };
 
 namespace {
@@ -72,45 +74,63 @@ std::shared_ptr<FetchJob> FetchPool::Start(std::string publicUrl, std::string fe
     }
     shared_->queue.push_back(job);
     ++shared_->unfinished;
-    needThread = shared_->running < kMaxRunning;
-    if (needThread) ++shared_->running;
+    needThread = TakeThreadTurn(*shared_);
   }
-  if (needThread) StartThread();
+  if (needThread) StartThread(shared_);
   return job;
 }
 
-void FetchPool::StartThread() {
+bool FetchPool::TakeThreadTurn(Shared& shared) {
+  if (shared.threadStarting || shared.running >= kMaxRunning) return false;
+  ++shared.running;
+  shared.threadStarting = true;
+  return true;
+}
+
+void FetchPool::StartThread(const std::shared_ptr<Shared>& shared) {
   BeginBackgroundWork();
-  if (!RunOnKeptThread([shared = shared_] { RunDownloads(shared); })) {
+  if (!RunOnKeptThread([shared] { RunDownloads(shared); })) {
     EndBackgroundWork();
     // No thread to be had: the queued jobs wait for a running thread, or,
     // when none runs, end unfetched so that nobody waits for them.
-    std::lock_guard<std::mutex> lock(shared_->mutex);
-    if (--shared_->running == 0) {
-      for (const std::shared_ptr<FetchJob>& job : shared_->queue) job->finished = true;
-      shared_->unfinished -= static_cast<int>(shared_->queue.size());
-      shared_->queue.clear();
-      shared_->changed.notify_all();
+    std::lock_guard<std::mutex> lock(shared->mutex);
+    shared->threadStarting = false;
+    if (--shared->running == 0) {
+      for (const std::shared_ptr<FetchJob>& job : shared->queue) job->finished = true;
+      shared->unfinished -= static_cast<int>(shared->queue.size());
+      shared->queue.clear();
+      shared->changed.notify_all();
     }
   }
 }
 
 void FetchPool::RunDownloads(std::shared_ptr<Shared> shared) {
   std::unique_lock<std::mutex> lock(shared->mutex);
+  // This thread has started: the next one may be asked for.
+  shared->threadStarting = false;
   while (!shared->queue.empty() && !shared->abandoned) {
     std::shared_ptr<FetchJob> job = std::move(shared->queue.front());
     shared->queue.pop_front();
+    // Threads are started one from another: the page's thread wakes only
+    // the first, each thread the next while jobs are waiting, so that the
+    // page's own work is not interrupted by a wake-up per download.
+    const bool another = !shared->queue.empty() && TakeThreadTurn(*shared);
     lock.unlock();
+    if (another) StartThread(shared);
     Download(shared->settings, *job);
     lock.lock();
     job->finished = true;
     job->done = !shared->abandoned;
     --shared->unfinished;
-    shared->changed.notify_all();
   }
   --shared->running;
-  shared->changed.notify_all();
+  // The page waits only for "none unfinished" and for "none running": it is
+  // woken when one of them has come true, once per page rather than once
+  // per download, and after the unlock, so that it does not wake only to
+  // block on the lock. `shared` keeps the condition variable alive.
+  const bool wake = shared->unfinished == 0 || shared->running == 0;
   lock.unlock();
+  if (wake) shared->changed.notify_all();
   EndBackgroundWork();
 }
 

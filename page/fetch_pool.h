@@ -1,7 +1,8 @@
 // FetchPool runs the downloads of one page: at most kMaxRunning at once (the
 // rest wait in a queue), each on a kept thread of its own (core/kept_threads.h)
-// through CZelvarUtils::DownloadUrl. The page's thread waits for them without
-// polling: the last download to finish wakes it.
+// through CZelvarUtils::DownloadUrl. The page's thread starts only the first
+// thread; each thread starts the next while jobs wait. The page's thread
+// waits for them without polling: the last download to finish wakes it.
 //
 // Ownership: the pool's shared state and every job are held by shared
 // pointers, so a download that outlives the page (its owner stopped
@@ -71,7 +72,8 @@ class FetchPool {
   FetchPool& operator=(const FetchPool&) = delete;
 
   // Queues a download and starts a thread for it when fewer than
-  // kMaxRunning are running.
+  // kMaxRunning are running and no thread is already starting (that one
+  // starts the next).
   std::shared_ptr<FetchJob> Start(std::string publicUrl, std::string fetchUrl);
 
   // Waits until every job started so far has finished, or until `deadline`.
@@ -90,8 +92,11 @@ class FetchPool {
 
  private:
   struct Shared;
+  // True, with the thread counted as running, when a thread may be started
+  // for the queued jobs. REQUIRES: shared.mutex held.
+  static bool TakeThreadTurn(Shared& shared);
+  static void StartThread(const std::shared_ptr<Shared>& shared);
   static void RunDownloads(std::shared_ptr<Shared> shared);
-  void StartThread();
 
   std::shared_ptr<Shared> shared_;
   bool joined_ = false;

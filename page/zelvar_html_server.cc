@@ -8,6 +8,10 @@
 #include <string_view>
 #include <vector>
 
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
 #include "core/buffer_blocks.h"
 #include "core/file_lock.h"
 #include "core/identifiers.h"
@@ -163,6 +167,56 @@ bool PlaceImages(PageState& page, const std::vector<PageSegment*>& images,
     ++page.requestsBefore;
   }
   return anyPlaced;
+}
+
+// Copies bytes [from, to) of ordinary text to `out`, blanks, tabs and line
+// feeds collapsed into one blank; `blank` says whether the text written
+// before ended in one, and is updated. Returns the end of what was written.
+char* CollapseBlanksByByte(const unsigned char* bytes, std::size_t from, std::size_t to, char* out,
+                           bool& blank) {
+  for (std::size_t i = from; i < to; ++i) {
+    unsigned char c = bytes[i];
+    if (c > ' ') {
+      *out++ = static_cast<char>(c);
+      blank = false;
+      continue;
+    }
+    if (c == '\t' || c == '\n') c = ' ';
+    if (c == ' ') {
+      if (blank) continue;
+      blank = true;
+    } else {
+      blank = false;
+    }
+    *out++ = static_cast<char>(c);
+  }
+  return out;
+}
+
+// The same for a whole run of `count` bytes.
+char* CollapseBlanks(const unsigned char* bytes, std::size_t count, char* out, bool& blank) {
+  std::size_t i = 0;
+#ifdef __SSE2__
+  // Most text is words between single blanks, which come out as they are:
+  // 16 bytes are copied whole when their only bytes at or below a blank are
+  // blanks, no two of them side by side, and the first is not a blank after
+  // a blank; other pieces go byte by byte.
+  const __m128i blankByte = _mm_set1_epi8(' ');
+  for (; i + 16 <= count; i += 16) {
+    const __m128i chunk = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + i));
+    const auto low = static_cast<unsigned>(
+        _mm_movemask_epi8(_mm_cmpeq_epi8(_mm_max_epu8(chunk, blankByte), blankByte)));
+    const auto blanks = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(chunk, blankByte)));
+    if (low != blanks || (blanks & (blanks << 1)) != 0 || (blank && (blanks & 1) != 0)) {
+      out = CollapseBlanksByByte(bytes, i, i + 16, out, blank);
+      continue;
+    }
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), chunk);
+    out += 16;
+    blank = (blanks & 0x8000) != 0;
+  }
+#endif
+  return CollapseBlanksByByte(bytes, i, count, out, blank);
 }
 
 // Pages of this size or more are written into a kept block (see DoWork).
@@ -537,24 +591,6 @@ void CZelvarHtmlServer::OnTextRun(HtmlTextToken* character, const unsigned char*
   const std::size_t start = out.size();
   out.resize(start + count);
   char* const begin = out.data() + start;
-  char* to = begin;
-  bool blank = page.lastTextWasBlank;
-  for (std::size_t i = 0; i < count; ++i) {
-    unsigned char c = bytes[i];
-    if (c > ' ') {
-      *to++ = static_cast<char>(c);
-      blank = false;
-      continue;
-    }
-    if (c == '\t' || c == '\n') c = ' ';
-    if (c == ' ') {
-      if (blank) continue;
-      blank = true;
-    } else {
-      blank = false;
-    }
-    *to++ = static_cast<char>(c);
-  }
-  out.resize(start + static_cast<std::size_t>(to - begin));
-  page.lastTextWasBlank = blank;
+  const char* const end = CollapseBlanks(bytes, count, begin, page.lastTextWasBlank);
+  out.resize(start + static_cast<std::size_t>(end - begin));
 }

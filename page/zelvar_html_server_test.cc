@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
@@ -381,6 +382,44 @@ TEST_F(ScriptedPage, TextRunsComeOutAsTheyDidByteByByte) {
       "<body><textarea> t  u </textarea> v <!-- w  x --> y<![CDATA[ q ]]>  </body></html>",
   };
   for (const std::string& page : pages) {
+    SCOPED_TRACE(page);
+    EXPECT_EQ(Optimise(page, PageSettings()).page,
+              Optimise<ByteByByteServer>(page, PageSettings()).page);
+  }
+}
+
+// Long runs of text go through 16 bytes at a time where their blanks are
+// single: every kind of blank and control byte, high bytes, and runs of
+// blanks falling at every place within and across those pieces.
+TEST_F(ScriptedPage, LongTextRunsCollapseAsByteByByte) {
+  std::srand(12);
+  const std::string pieces[] = {"lorem",
+                                "ipsum",
+                                " ",
+                                " ",
+                                " ",
+                                "  ",
+                                "   ",
+                                "\t",
+                                "\n",
+                                " \n ",
+                                "\f",
+                                "\x01",
+                                "\x7f",
+                                "\xc3\xa9",
+                                "\xff",
+                                "x",
+                                "dolor sit amet,"};
+  for (int round = 0; round < 40; ++round) {
+    std::string text;
+    const int length = 10 + std::rand() % 400;
+    while (static_cast<int>(text.size()) < length) {
+      text += pieces[static_cast<std::size_t>(std::rand()) % std::size(pieces)];
+    }
+    // Text before the run that ends in a blank, or not.
+    const std::string before = round % 2 == 0 ? "a " : "a";
+    const std::string page = "<html><head></head><body><p>" + before + "<b>b</b>" + text +
+                             "</p><p>" + text + text + "</p></body></html>";
     SCOPED_TRACE(page);
     EXPECT_EQ(Optimise(page, PageSettings()).page,
               Optimise<ByteByByteServer>(page, PageSettings()).page);
