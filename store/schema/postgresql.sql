@@ -35,19 +35,25 @@ CREATE INDEX IF NOT EXISTS composite_open_bucket
   WHERE chunks < 25;
 -- A file's chunks stored in one call: for each chunk in order, the
 -- composite search (same truncated fingerprint x 100, fewer than 25
--- chunks, nearest first), then either one more chunk for the composite
--- found (its new mean fingerprint from the sum of its chunks' fingerprints)
--- or a new composite. New composites get empty data: the caller writes
--- every composite's data before it commits. One row per chunk; data holds
--- the composite's stored bytes the first time the call meets a composite
--- that existed before it and is not among p_held, else NULL; except that
--- for a composite among p_known whose row version (xmin: every update
--- makes a new one) is still the one given in p_version, current is true
--- and data NULL: the caller already knows those bytes.
+-- chunks, nearest first, the lower composite_id on a tie), then either one
+-- more chunk for the composite found (its new mean fingerprint from the sum
+-- of its chunks' fingerprints) or a new composite. New composites get
+-- empty data: the caller writes every composite's data before it commits.
+-- One row per chunk; data holds the composite's stored bytes the first
+-- time the call meets a composite that existed before it and is not among
+-- p_held, else NULL; except that for a composite among p_known whose row
+-- version (xmin: every update makes a new one) is still the one given in
+-- p_version, current is true and data NULL: the caller already knows
+-- those bytes.
 --
--- The chunk rows are inserted together at the end, in order. Meanwhile the
--- call keeps, for each composite it has touched, the last ordinal, the
--- byte count and the running sum of fingerprints: the sum is added to in
+-- The call keeps, for each composite it has touched, its chunk count, mean
+-- fingerprint, last ordinal, byte count and running sum of fingerprints,
+-- and writes the rows once at the end: one UPDATE of the composites that
+-- existed, one INSERT of the new ones (their ids drawn from the identity's
+-- sequence in the order they were made, as INSERTs one by one would) and
+-- one INSERT of the chunk rows, in order. The search therefore looks at
+-- the table only for composites the call has not touched, and at its own
+-- state for the others, with the same arithmetic. The sum is added to in
 -- ordinal order, exactly as SUM(fft_rms ORDER BY ordinal) over the rows
 -- would add, so the means are the same to the last bit.
 CREATE OR REPLACE FUNCTION store_append_chunks(p_file integer,
@@ -59,17 +65,27 @@ CREATE OR REPLACE FUNCTION store_append_chunks(p_file integer,
   LANGUAGE plpgsql AS $$
 DECLARE
   found_row record;
-  sent integer[] := p_held;
   -- Composites touched by this call, with their state after its chunks.
   touched integer[] := '{}';
+  touched_bucket integer[] := '{}';
+  touched_chunks integer[] := '{}';
+  touched_fft double precision[] := '{}';
+  touched_compressed boolean[] := '{}';
+  touched_new boolean[] := '{}';
   touched_ordinal integer[] := '{}';
   touched_bytes bigint[] := '{}';
   touched_sum double precision[] := '{}';
+  n_touched integer := 0;
+  bucket integer;
+  best integer;
+  best_distance double precision;
+  distance double precision;
   k integer;
   known integer;
   last_ordinal integer;
   byte_count bigint;
   fft_sum double precision;
+  ids text;  -- composite_id's sequence, once a new composite needs it
   -- The chunk rows, inserted at the end.
   row_ordinal integer[] := '{}';
   row_composite integer[] := '{}';
@@ -79,74 +95,106 @@ BEGIN
   -- dialect); taking the lock again later in the transaction is free.
   LOCK TABLE composite IN SHARE ROW EXCLUSIVE MODE;
   FOR i IN 1 .. COALESCE(array_length(p_fft, 1), 0) LOOP
-    -- The store's composite search. A composite counts once it has a
-    -- chunk: a stored one, or one of this call's.
+    bucket := CAST(TRUNC(p_fft[i] * CAST(100 AS double precision)) AS integer);
+    -- The nearest among the composites this call touched ...
+    best := NULL;
+    FOREACH k IN ARRAY array_positions(touched_bucket, bucket) LOOP
+      IF touched_chunks[k] < 25 THEN
+        distance := ABS(touched_fft[k] - p_fft[i]);
+        IF best IS NULL OR distance < best_distance
+           OR (distance = best_distance AND touched[k] < touched[best]) THEN
+          best := k;
+          best_distance := distance;
+        END IF;
+      END IF;
+    END LOOP;
+    -- ... against the nearest of the others, as stored.
     SELECT c.composite_id AS id, c.chunks, c.is_compressed AS compressed,
+        ABS(c.fft_rms - p_fft[i]) AS distance,
         CAST(CAST(c.xmin AS text) AS bigint) AS version
       INTO found_row
       FROM composite c
-      WHERE CAST(TRUNC(c.fft_rms * CAST(100 AS double precision)) AS integer) =
-            CAST(TRUNC(p_fft[i] * CAST(100 AS double precision)) AS integer)
+      WHERE CAST(TRUNC(c.fft_rms * CAST(100 AS double precision)) AS integer) = bucket
         AND c.chunks < 25
-        AND (c.composite_id = ANY (touched)
-             OR EXISTS (SELECT 1 FROM chunk ch WHERE ch.composite_id = c.composite_id))
+        AND c.composite_id <> ALL (touched)
       ORDER BY ABS(c.fft_rms - p_fft[i]), c.composite_id LIMIT 1;
-    IF FOUND THEN
+    IF FOUND AND (best IS NULL OR found_row.distance < best_distance
+                  OR (found_row.distance = best_distance AND found_row.id < touched[best])) THEN
+      -- First touch of a stored composite.
       out_composite := found_row.id;
-      k := array_position(touched, out_composite);
-      IF k IS NULL THEN
-        -- See the PostgreSQL statements in the store's code for why the
-        -- chunks are summed this way.
-        touched := touched || out_composite;
-        k := array_length(touched, 1);
-        SELECT MAX(ch.ordinal), SUM(ch.length), SUM(ch.fft_rms ORDER BY ch.ordinal)
-          INTO last_ordinal, byte_count, fft_sum
-          FROM chunk ch WHERE ch.composite_id = out_composite;
-        touched_ordinal[k] := last_ordinal;
-        touched_bytes[k] := byte_count;
-        touched_sum[k] := fft_sum;
-      END IF;
-      out_chunks_before := found_row.chunks;
-      out_compressed := found_row.compressed;
-      out_start := touched_bytes[k] + 1;
-      out_fft := (touched_sum[k] + p_fft[i]) / (found_row.chunks + 1);
-      touched_ordinal[k] := touched_ordinal[k] + 1;
-      touched_bytes[k] := touched_bytes[k] + p_length[i];
-      touched_sum[k] := touched_sum[k] + p_fft[i];
-      UPDATE composite SET chunks = chunks + 1, fft_rms = out_fft
-        WHERE composite_id = out_composite;
+      -- See the PostgreSQL statements in the store's code for why the
+      -- chunks are summed this way.
+      SELECT MAX(ch.ordinal), SUM(ch.length), SUM(ch.fft_rms ORDER BY ch.ordinal)
+        INTO last_ordinal, byte_count, fft_sum
+        FROM chunk ch WHERE ch.composite_id = out_composite;
+      n_touched := n_touched + 1;
+      k := n_touched;
+      touched[k] := out_composite;
+      touched_chunks[k] := found_row.chunks;
+      touched_compressed[k] := found_row.compressed;
+      touched_new[k] := false;
+      touched_ordinal[k] := last_ordinal;
+      touched_bytes[k] := byte_count;
+      touched_sum[k] := fft_sum;
       out_data := NULL;
       out_current := false;
-      IF NOT out_composite = ANY (sent) THEN
+      IF NOT out_composite = ANY (p_held) THEN
         known := array_position(p_known, out_composite);
         IF known IS NOT NULL AND p_version[known] = found_row.version THEN
           out_current := true;
         ELSE
           SELECT data INTO out_data FROM composite WHERE composite_id = out_composite;
         END IF;
-        sent := sent || out_composite;
       END IF;
-    ELSE
-      INSERT INTO composite (chunks, data, fft_rms, is_compressed)
-        VALUES (1, ''::bytea, p_fft[i], false) RETURNING composite_id INTO out_composite;
-      touched := touched || out_composite;
-      k := array_length(touched, 1);
-      touched_ordinal[k] := 1;
-      touched_bytes[k] := p_length[i];
-      touched_sum[k] := p_fft[i];
-      out_chunks_before := 0;
-      out_compressed := false;
-      out_start := 1;
-      out_fft := p_fft[i];
+    ELSIF best IS NOT NULL THEN
+      k := best;
+      out_composite := touched[k];
       out_data := NULL;
       out_current := false;
-      sent := sent || out_composite;
+    ELSE
+      IF ids IS NULL THEN
+        ids := pg_get_serial_sequence('composite', 'composite_id');
+      END IF;
+      out_composite := nextval(ids);
+      n_touched := n_touched + 1;
+      k := n_touched;
+      touched[k] := out_composite;
+      touched_chunks[k] := 0;
+      touched_compressed[k] := false;
+      touched_new[k] := true;
+      touched_ordinal[k] := 0;
+      touched_bytes[k] := 0;
+      touched_sum[k] := 0;
+      out_data := NULL;
+      out_current := false;
     END IF;
-    row_ordinal := row_ordinal || touched_ordinal[k];
-    row_composite := row_composite || out_composite;
-    row_start := row_start || out_start;
+    out_chunks_before := touched_chunks[k];
+    out_compressed := touched_compressed[k];
+    out_start := touched_bytes[k] + 1;
+    IF touched_chunks[k] = 0 THEN
+      out_fft := p_fft[i];
+      touched_sum[k] := p_fft[i];
+    ELSE
+      out_fft := (touched_sum[k] + p_fft[i]) / (touched_chunks[k] + 1);
+      touched_sum[k] := touched_sum[k] + p_fft[i];
+    END IF;
+    touched_chunks[k] := touched_chunks[k] + 1;
+    touched_fft[k] := out_fft;
+    touched_bucket[k] := CAST(TRUNC(out_fft * CAST(100 AS double precision)) AS integer);
+    touched_ordinal[k] := touched_ordinal[k] + 1;
+    touched_bytes[k] := touched_bytes[k] + p_length[i];
+    row_ordinal[i] := touched_ordinal[k];
+    row_composite[i] := out_composite;
+    row_start[i] := out_start;
     RETURN NEXT;
   END LOOP;
+  UPDATE composite c SET chunks = t.chunks, fft_rms = t.fft
+    FROM unnest(touched, touched_chunks, touched_fft, touched_new) AS t(id, chunks, fft, new)
+    WHERE NOT t.new AND c.composite_id = t.id;
+  INSERT INTO composite (composite_id, chunks, data, fft_rms, is_compressed)
+    SELECT t.id, t.chunks, ''::bytea, t.fft, false
+      FROM unnest(touched, touched_chunks, touched_fft, touched_new) AS t(id, chunks, fft, new)
+      WHERE t.new ORDER BY t.id;
   -- In the file's order, so that chunk_id orders the file for reading back.
   INSERT INTO chunk (file_id, ordinal, composite_id, start, length, fft_rms)
     SELECT p_file, r.ordinal, r.composite, r.start, r.length, r.fft
