@@ -433,4 +433,26 @@ TEST(FileStorePostgres, ADatabaseWithoutTheChunkFunctionGetsItBack) {
             ChunkRowsOf(db->Connection(), first)[0].compositeId);
 }
 
+TEST(FileStorePostgres, ADatabaseWithAnEarlierChunkFunctionGetsTheCurrentOneBeside) {
+  // Tables made by an earlier version of the store, whose chunk function
+  // took other parameters (here one that must never run).
+  std::unique_ptr<StoreDatabase> db = NewPostgresDatabase();
+  if (db->Connection().empty()) GTEST_SKIP() << db->Why();
+  const std::string text = RealFile("/usr/share/common-licenses/GPL-3");
+  const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+  const auto size = static_cast<std::int32_t>(text.size());
+  std::string error;
+  ASSERT_GT(StoreFile(db->Connection(), bytes, size, {}, &error), 0) << error;
+  ASSERT_EQ(ExecuteSql(db->Connection(), "DROP FUNCTION store_append_chunks"), "");
+  ASSERT_EQ(ExecuteSql(db->Connection(),
+                       "CREATE FUNCTION store_append_chunks(integer, double precision[], "
+                       "integer[], integer[], integer[], bigint[]) RETURNS SETOF integer "
+                       "LANGUAGE plpgsql AS $$ BEGIN RAISE EXCEPTION 'earlier'; END; $$"),
+            "");
+  const std::int32_t second = StoreFile(db->Connection(), bytes, size, {}, &error);
+  ASSERT_GT(second, 0) << error;
+  EXPECT_EQ(StoredBytes(db->Connection(), second), text);
+  EXPECT_EQ(ChunkRowsOf(db->Connection(), second).size(), (text.size() + 4095) / 4096);
+}
+
 }  // namespace

@@ -47,10 +47,15 @@ bool FileWriter::Run(const unsigned char* bytes, std::int32_t count, std::int32_
   if (!batched && d_.lockForWrite != nullptr && !db_.ExecuteDirect(d_.lockForWrite)) {
     return false;
   }
-  OdbcStatement* insert = session_.Prepared(d_.insertFile);
-  if (insert == nullptr) return false;
-  insert->SetInt32(1, count);
-  if (!insert->Execute() || !ReadIdentity(session_, d_, insert, fileId)) return false;
+  // A batched file with chunks gets its row from the first appendChunks
+  // call, in the same round trip.
+  fileId = 0;
+  if (!batched || count == 0) {
+    OdbcStatement* insert = session_.Prepared(d_.insertFile);
+    if (insert == nullptr) return false;
+    insert->SetInt32(1, count);
+    if (!insert->Execute() || !ReadIdentity(session_, d_, insert, fileId)) return false;
+  }
   const auto total = static_cast<std::size_t>(count);
   std::vector<double> fingerprints;
   for (std::size_t offset = 0; offset < total; offset += kChunkBytes) {
@@ -209,7 +214,7 @@ std::size_t FileWriter::ChunksPerCall() const {
   return std::clamp<std::size_t>(options_.deferredBytesLimit / kChunkBytes / 2, 1, 1024);
 }
 
-bool FileWriter::AppendChunks(std::int32_t fileId, const unsigned char* bytes, std::size_t total,
+bool FileWriter::AppendChunks(std::int32_t& fileId, const unsigned char* bytes, std::size_t total,
                               const std::vector<double>& fingerprints, std::size_t first,
                               std::size_t run) {
   OdbcStatement* append = session_.Prepared(d_.appendChunks);
@@ -238,15 +243,17 @@ bool FileWriter::AppendChunks(std::int32_t fileId, const unsigned char* bytes, s
   heldIds_ += '}';
   OfferKnownVersions();
   append->SetInt32(1, fileId);
-  append->SetText(2, fingerprintList_);
-  append->SetText(3, lengthList_);
-  append->SetText(4, heldIds_);
-  append->SetText(5, knownIds_);
-  append->SetText(6, knownVersions_);
+  append->SetInt32(2, static_cast<std::int32_t>(total));
+  append->SetText(3, fingerprintList_);
+  append->SetText(4, lengthList_);
+  append->SetText(5, heldIds_);
+  append->SetText(6, knownIds_);
+  append->SetText(7, knownVersions_);
   if (!append->Execute()) return false;
   using C = AppendColumns;
   bool ok = true;
   for (std::size_t i = first; ok && i < first + run; ++i) {
+    std::int32_t file = 0;
     std::int32_t id = 0;
     std::int32_t chunksBefore = 0;
     std::int32_t start = 0;
@@ -257,10 +264,14 @@ bool FileWriter::AppendChunks(std::int32_t fileId, const unsigned char* bytes, s
          append->GetInt32(C::kChunksBefore, chunksBefore) &&
          append->GetBit(C::kIsCompressed, compressed) && append->GetInt32(C::kStart, start) &&
          append->GetDouble(C::kFftRms, composite) && append->GetBinary(C::kData, data_) &&
-         append->GetBit(C::kCurrent, current) &&
+         append->GetBit(C::kCurrent, current) && append->GetInt32(C::kFileId, file) && file > 0 &&
+         (fileId == 0 || file == fileId) &&
          TakeChunk(bytes + i * kChunkBytes, std::min(kChunkBytes, total - i * kChunkBytes), id,
                    chunksBefore, compressed, start, composite, data_, current);
-    if (ok) CompressWhatIsFinished(BucketOf(fingerprints[i]), id);
+    if (ok) {
+      fileId = file;
+      CompressWhatIsFinished(BucketOf(fingerprints[i]), id);
+    }
   }
   ok = ok && append->Fetch() == OdbcStatement::Row::kEnd;
   append->CloseCursor();

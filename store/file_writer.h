@@ -95,8 +95,9 @@ class FileWriter {
 
   // Chunks [first, first + run) of the file through one appendChunks call:
   // the database searches, counts and inserts, and sends a composite's data
-  // only when this transaction does not hold its bytes.
-  bool AppendChunks(std::int32_t fileId, const unsigned char* bytes, std::size_t total,
+  // only when this transaction does not hold its bytes. A `fileId` of 0:
+  // the call inserts the file's row too, and sets `fileId`.
+  bool AppendChunks(std::int32_t& fileId, const unsigned char* bytes, std::size_t total,
                     const std::vector<double>& fingerprints, std::size_t first, std::size_t run);
 
   // Fills knownIds_ and knownVersions_ (array literals) with the composites

@@ -160,7 +160,8 @@ Dialect MakePostgresql() {
   // schema, many per call.
   d.appendChunks =
       "SELECT out_composite, out_chunks_before, out_compressed, out_start, out_fft, out_data, "
-      "out_current FROM store_append_chunks(CAST(? AS integer), CAST(? AS double precision[]), "
+      "out_current, out_file FROM store_append_chunks(CAST(? AS integer), CAST(? AS integer), "
+      "CAST(? AS double precision[]), "
       "CAST(? AS integer[]), CAST(? AS integer[]), CAST(? AS integer[]), CAST(? AS bigint[]))";
   static const std::array<std::string, kDataBatchSizes> batches = [] {
     std::array<std::string, kDataBatchSizes> texts;
@@ -192,7 +193,7 @@ Dialect MakePostgresql() {
       "AND tablename IN ('file', 'chunk', 'composite')) + (SELECT COUNT(*) FROM "
       "pg_catalog.pg_proc p JOIN pg_catalog.pg_namespace n ON n.oid = p.pronamespace "
       "WHERE n.nspname = current_schema() AND p.proname = 'store_append_chunks' "
-      "AND p.pronargs = 6)";
+      "AND p.pronargs = 7)";
   d.schemaObjects = 4;
   // Concurrent CREATE ... IF NOT EXISTS can fail on PostgreSQL, and a
   // creator that runs while another caller already stores a file can

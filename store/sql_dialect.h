@@ -32,10 +32,11 @@ constexpr int DataBatchRows(int size) { return 2 << size; }
 // start, the composite's fft_rms after, its stored data (NULL when new,
 // among the ids the caller holds, already sent for an earlier chunk, or
 // current), and whether the row is still at the version the caller knows
-// (then the caller's bytes are the stored ones and no data is sent).
+// (then the caller's bytes are the stored ones and no data is sent), and
+// the file the chunks belong to.
 struct AppendColumns {
   static constexpr int kCompositeId = 1, kChunksBefore = 2, kIsCompressed = 3, kStart = 4,
-                       kFftRms = 5, kData = 6, kCurrent = 7;
+                       kFftRms = 5, kData = 6, kCurrent = 7, kFileId = 8;
 };
 
 // Column positions (1-based) of the composite search's row; 0 when absent.
@@ -85,7 +86,9 @@ struct Dialect {
   // Or null. With deferred compression, in place of the search and the
   // inserts and updates of many chunks, one call (one round trip on a
   // server) that stores a run of a file's chunks in order. Parameters:
-  // (file_id, the chunks' fft_rms as an array literal "{0.5,1.25}", their
+  // (file_id, or 0 to insert the file's row first in the same call;
+  // original_size, for that row; the chunks' fft_rms as an array literal
+  // "{0.5,1.25}", their
   // lengths as one, the ids of composites whose bytes the caller holds as
   // one, the ids of composites the caller knows as last written and, as a
   // bigint array, the row version it knows for each). New composites get
