@@ -68,7 +68,14 @@ CREATE OR REPLACE FUNCTION store_append_chunks(p_file integer, p_size integer,
   RETURNS TABLE (out_composite integer, out_chunks_before integer,
     out_compressed boolean, out_start integer, out_fft double precision, out_data bytea,
     out_current boolean, out_file integer)
-  LANGUAGE plpgsql AS $$
+  LANGUAGE plpgsql
+  -- The statements below are planned once per session, typically while
+  -- the tables are nearly empty, and the plans are kept: a sequential scan
+  -- of chunk for every composite's sums (and of composite for the closing
+  -- UPDATE) would then grow with the store. Each has an index that serves
+  -- it at any size.
+  SET enable_seqscan = off
+  AS $$
 DECLARE
   found_row record;
   -- Composites touched by this call, with their state after its chunks.
