@@ -11,6 +11,8 @@
 #include <string>
 
 #include "net/zlib_codec.h"
+#include "store/odbc_connection.h"
+#include "store/read_back.h"
 #include "tests/store_databases.h"
 #include "tests/temp_dir.h"
 #include "zelvarpack/zelvar_file_server.h"
@@ -431,6 +433,23 @@ TEST(FileStorePostgres, ADatabaseWithoutTheChunkFunctionGetsItBack) {
   // The second copy's chunks joined the first's composites.
   EXPECT_EQ(ChunkRowsOf(db->Connection(), second)[0].compositeId,
             ChunkRowsOf(db->Connection(), first)[0].compositeId);
+}
+
+TEST(FileStoreSqlite, DatabasesNamedByPathSyncEveryCommit) {
+  // A file reported stored must survive a crash: the write-ahead log is
+  // synced at every commit (the driver's default syncs at checkpoints).
+  if (zelvarpack::store::SqliteDriverPath().empty()) GTEST_SKIP() << "no SQLite ODBC driver";
+  TempDir dir;
+  zelvarpack::store::OdbcConnection db;
+  ASSERT_TRUE(db.Connect(zelvarpack::store::SqliteConnectionString(dir.File("store.db")), true))
+      << db.LastError();
+  std::unique_ptr<zelvarpack::store::OdbcStatement> pragma = db.NewStatement();
+  ASSERT_NE(pragma, nullptr);
+  std::int32_t level = -1;
+  ASSERT_TRUE(pragma->Prepare("PRAGMA synchronous") && pragma->Execute() &&
+              zelvarpack::store::ReadOneInt32(pragma.get(), level))
+      << db.LastError();
+  EXPECT_EQ(level, 2);  // FULL
 }
 
 TEST(FileStorePostgres, ADatabaseWithAnEarlierChunkFunctionGetsTheCurrentOneBeside) {
