@@ -56,6 +56,7 @@ class FileWriter {
     int bucket = 0;                // of its fingerprint now
     bool submitted = false;        // this generation went to the compressor
     std::int32_t chunks = 0;       // its chunks count after the last append
+    double fftRms = 0;             // its fingerprint after the last append
     // A stream that consumed a prefix of the bytes before this file's
     // appends, when known; compression continues it. The composite's
     // first background job takes it over.

@@ -78,8 +78,10 @@ struct Dialect {
   const char* updateComposite;
   // (fft_rms, composite_id): one more chunk, bytes written later.
   const char* updateCompositeCounts;
-  // (data, is_compressed, composite_id); with dataWritesReturnVersions,
-  // like the batches below, a row (composite_id, row version) per row written.
+  // (data, is_compressed, composite_id), or with dataWritesSetCounts
+  // (data, is_compressed, chunks, fft_rms as text, composite_id); with
+  // dataWritesReturnVersions, like the batches below, a row (composite_id,
+  // row version) per row written.
   const char* updateCompositeData;
   // (file_id, ordinal, composite_id, start, length, fft_rms)
   const char* insertChunk;
@@ -91,16 +93,24 @@ struct Dialect {
   // "{0.5,1.25}", their
   // lengths as one, the ids of composites whose bytes the caller holds as
   // one, the ids of composites the caller knows as last written and, as a
-  // bigint array, the row version it knows for each). New composites get
+  // bigint array, the row version it knows for each; whether this is the
+  // file's last call: then the stored composites' counts are left to the
+  // data writes, see dataWritesSetCounts). New composites get
   // empty data, to be written before the commit. One row per chunk, see
   // AppendColumns.
   const char* appendChunks;
-  // Or nulls. (composite_id, data, is_compressed) x DataBatchRows(size):
-  // the deferred data writes of several composites in one statement.
+  // Or nulls. (composite_id, data, is_compressed), with dataWritesSetCounts
+  // followed by (chunks, fft_rms as text), x DataBatchRows(size): the
+  // deferred data writes of several composites in one statement.
   const char* updateCompositeDataBatch[kDataBatchSizes];
   // The data writes return each row's new version: a number the database
   // changes with every update of the row (PostgreSQL's xmin).
   bool dataWritesReturnVersions;
+  // The data writes set chunks and fft_rms too, and the last appendChunks
+  // call of a file leaves the composites' counts to them (one row version
+  // per composite and file instead of two). Fingerprints go as text, in
+  // the shortest form that reads back as the same double.
+  bool dataWritesSetCounts;
   // Binds composite data as a long binary (else as a variable binary).
   bool longBinary;
 

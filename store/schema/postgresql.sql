@@ -57,14 +57,17 @@ CREATE INDEX IF NOT EXISTS composite_open_bucket
 -- and writes the rows once at the end: one UPDATE of the composites that
 -- existed, one INSERT of the new ones (their ids drawn from the identity's
 -- sequence in the order they were made, as INSERTs one by one would) and
--- one INSERT of the chunk rows, in order. The search therefore looks at
+-- one INSERT of the chunk rows, in order. With p_last (no later call of
+-- the file will search them) the UPDATE is left out: the caller writes
+-- every composite it touched, chunks and fft_rms with the data, before
+-- the transaction ends. The search therefore looks at
 -- the table only for composites the call has not touched, and at its own
 -- state for the others, with the same arithmetic. The sum is added to in
 -- ordinal order, exactly as SUM(fft_rms ORDER BY ordinal) over the rows
 -- would add, so the means are the same to the last bit.
 CREATE OR REPLACE FUNCTION store_append_chunks(p_file integer, p_size integer,
     p_fft double precision[], p_length integer[], p_held integer[],
-    p_known integer[], p_version bigint[])
+    p_known integer[], p_version bigint[], p_last boolean)
   RETURNS TABLE (out_composite integer, out_chunks_before integer,
     out_compressed boolean, out_start integer, out_fft double precision, out_data bytea,
     out_current boolean, out_file integer)
@@ -205,9 +208,11 @@ BEGIN
     row_start[i] := out_start;
     RETURN NEXT;
   END LOOP;
-  UPDATE composite c SET chunks = t.chunks, fft_rms = t.fft
-    FROM unnest(touched, touched_chunks, touched_fft, touched_new) AS t(id, chunks, fft, new)
-    WHERE NOT t.new AND c.composite_id = t.id;
+  IF NOT p_last THEN
+    UPDATE composite c SET chunks = t.chunks, fft_rms = t.fft
+      FROM unnest(touched, touched_chunks, touched_fft, touched_new) AS t(id, chunks, fft, new)
+      WHERE NOT t.new AND c.composite_id = t.id;
+  END IF;
   INSERT INTO composite (composite_id, chunks, data, fft_rms, is_compressed)
     SELECT t.id, t.chunks, ''::bytea, t.fft, false
       FROM unnest(touched, touched_chunks, touched_fft, touched_new) AS t(id, chunks, fft, new)
