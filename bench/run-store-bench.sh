@@ -9,7 +9,10 @@
 #
 # Each measurement is the best of ROUNDS runs (a fresh store every run), so
 # that another program's burst of work on a shared machine does not decide
-# the result.
+# the result. Beside the wall times, the processor time the tool used
+# (user + system, the least of the rounds) and, for PostgreSQL, the
+# processor time of all the server's processes while the tool ran: on a
+# busy machine waits cost more than work, and these show the work.
 #
 # Usage: bench/run-store-bench.sh [MEGABYTES [ROUNDS]]   (defaults 20, 3)
 set -euo pipefail
@@ -54,6 +57,21 @@ stored_bytes() { "$tool" store stats --db "$1" | sed -n 's/^stored bytes: //p'; 
 
 # best SECONDS-SO-FAR: prints the smaller of the two (an empty first: the second).
 best() { awk -v a="$1" -v b="$2" 'BEGIN { print (a == "" || b < a) ? b : a }'; }
+# cpu COMMAND...: runs it and leaves its user + system seconds in $cpu_used.
+cpu() {
+  /usr/bin/time -f '%U %S' -o "$work/time" "$@"
+  cpu_used=$(awk '{ print $1 + $2 }' "$work/time")
+}
+# server_cpu PID: processor seconds of a server's main process, its ended
+# children and its live children so far.
+server_cpu() {
+  local ticks
+  ticks=$(getconf CLK_TCK)
+  { awk '{ print $14 + $15 + $16 + $17 }' "/proc/$1/stat"
+    for child in $(pgrep -P "$1"); do
+      awk '{ print $14 + $15 }' "/proc/$child/stat" 2>/dev/null || true
+    done; } | awk -v t="$ticks" '{ s += $1 } END { printf "%.2f\n", s / t }'
+}
 
 seconds=""
 for _ in $(seq "$rounds"); do
@@ -66,13 +84,16 @@ report "gzip -9" "$seconds" "$(stat -c %s "$work/all.gz")"
 
 sqlite=$work/store.db
 seconds=""
+client=""
 for _ in $(seq "$rounds"); do
-  rm -f "$sqlite"
+  rm -f "$sqlite" "$sqlite-wal" "$sqlite-shm"
   start=$(now)
-  "$tool" store add --db "$sqlite" "${files[@]}" >"$work/sqlite.ids"
+  cpu "$tool" store add --db "$sqlite" "${files[@]}" >"$work/sqlite.ids"
   seconds=$(best "$seconds" "$(since "$start")")
+  client=$(best "$client" "$cpu_used")
 done
 report "SQLite" "$seconds" "$(stored_bytes "$sqlite")"
+sqlite_cpu=$client
 
 scripts/loopback-postgres.sh start "$state"
 port=$(sed -n 's/^port=//p' "$state")
@@ -90,15 +111,24 @@ psql() {
 }
 # Protocol=7.4-1: the driver rolls back whole transactions on errors (the
 # store does so anyway) instead of wrapping every statement in a savepoint.
+postmaster=$(head -n 1 "$dir/data/postmaster.pid")
 seconds=""
+client=""
+server=""
 for round in $(seq "$rounds"); do
   psql -c "CREATE DATABASE bench$round"
   postgres="DRIVER=$driver;Server=127.0.0.1;Port=$port;Uid=$user;Database=bench$round;Protocol=7.4-1;"
+  before=$(server_cpu "$postmaster")
   start=$(now)
-  "$tool" store add --db "$postgres" "${files[@]}" >"$work/postgres.ids"
+  cpu "$tool" store add --db "$postgres" "${files[@]}" >"$work/postgres.ids"
   seconds=$(best "$seconds" "$(since "$start")")
+  sleep 0.2 # the server's process for the connection ends
+  client=$(best "$client" "$cpu_used")
+  server=$(best "$server" "$(awk -v a="$before" -v b="$(server_cpu "$postmaster")" 'BEGIN { print b - a }')")
 done
 report "PostgreSQL" "$seconds" "$(stored_bytes "$postgres")"
+printf '\nprocessor seconds (least of %d): SQLite tool %.2f; PostgreSQL tool %.2f, server %.2f\n' \
+  "$rounds" "$sqlite_cpu" "$client" "$server"
 
 # Spot check: a few files read back byte for byte from each engine.
 for i in 0 $((${#files[@]} / 2)) $((${#files[@]} - 1)); do

@@ -104,7 +104,7 @@ std::string SqliteDriverPath() {
 }
 
 std::string SqliteConnectionString(const std::string& path) {
-  return "DRIVER=" + SqliteDriverPath() + ";Database=" + path + ";JournalMode=WAL;";
+  return "DRIVER=" + SqliteDriverPath() + ";Database=" + path + ";JournalMode=WAL;SyncPragma=FULL;";
 }
 
 }  // namespace zelvarpack::store

@@ -65,8 +65,10 @@ bool ReadStoreTotals(const std::string& connection, StoreTotals& totals,
 std::string SqliteDriverPath();
 // A connection string for the SQLite database file `path` (created by the
 // driver when missing), in write-ahead-log mode: a commit writes the log
-// and syncs it once, instead of a rollback journal, the database and their
-// syncs, and readers do not block the writer. Still one file's rows or
+// and syncs it once (synchronous FULL; the driver's default, NORMAL, syncs
+// only at checkpoints, so a crash could lose files already reported
+// stored), instead of a rollback journal, the database and their syncs,
+// and readers do not block the writer. Still one file's rows or
 // none after a crash; the log ("<path>-wal", "<path>-shm") is folded back
 // when the last connection closes.
 std::string SqliteConnectionString(const std::string& path);

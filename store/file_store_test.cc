@@ -11,6 +11,8 @@
 #include <string>
 
 #include "net/zlib_codec.h"
+#include "store/odbc_connection.h"
+#include "store/read_back.h"
 #include "tests/store_databases.h"
 #include "tests/temp_dir.h"
 #include "zelvarpack/zelvar_file_server.h"
@@ -431,6 +433,45 @@ TEST(FileStorePostgres, ADatabaseWithoutTheChunkFunctionGetsItBack) {
   // The second copy's chunks joined the first's composites.
   EXPECT_EQ(ChunkRowsOf(db->Connection(), second)[0].compositeId,
             ChunkRowsOf(db->Connection(), first)[0].compositeId);
+}
+
+TEST(FileStoreSqlite, DatabasesNamedByPathSyncEveryCommit) {
+  // A file reported stored must survive a crash: the write-ahead log is
+  // synced at every commit (the driver's default syncs at checkpoints).
+  if (zelvarpack::store::SqliteDriverPath().empty()) GTEST_SKIP() << "no SQLite ODBC driver";
+  TempDir dir;
+  zelvarpack::store::OdbcConnection db;
+  ASSERT_TRUE(db.Connect(zelvarpack::store::SqliteConnectionString(dir.File("store.db")), true))
+      << db.LastError();
+  std::unique_ptr<zelvarpack::store::OdbcStatement> pragma = db.NewStatement();
+  ASSERT_NE(pragma, nullptr);
+  std::int32_t level = -1;
+  ASSERT_TRUE(pragma->Prepare("PRAGMA synchronous") && pragma->Execute() &&
+              zelvarpack::store::ReadOneInt32(pragma.get(), level))
+      << db.LastError();
+  EXPECT_EQ(level, 2);  // FULL
+}
+
+TEST(FileStorePostgres, ADatabaseWithAnEarlierChunkFunctionGetsTheCurrentOneBeside) {
+  // Tables made by an earlier version of the store, whose chunk function
+  // took other parameters (here one that must never run).
+  std::unique_ptr<StoreDatabase> db = NewPostgresDatabase();
+  if (db->Connection().empty()) GTEST_SKIP() << db->Why();
+  const std::string text = RealFile("/usr/share/common-licenses/GPL-3");
+  const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+  const auto size = static_cast<std::int32_t>(text.size());
+  std::string error;
+  ASSERT_GT(StoreFile(db->Connection(), bytes, size, {}, &error), 0) << error;
+  ASSERT_EQ(ExecuteSql(db->Connection(), "DROP FUNCTION store_append_chunks"), "");
+  ASSERT_EQ(ExecuteSql(db->Connection(),
+                       "CREATE FUNCTION store_append_chunks(integer, double precision[], "
+                       "integer[], integer[], integer[], bigint[]) RETURNS SETOF integer "
+                       "LANGUAGE plpgsql AS $$ BEGIN RAISE EXCEPTION 'earlier'; END; $$"),
+            "");
+  const std::int32_t second = StoreFile(db->Connection(), bytes, size, {}, &error);
+  ASSERT_GT(second, 0) << error;
+  EXPECT_EQ(StoredBytes(db->Connection(), second), text);
+  EXPECT_EQ(ChunkRowsOf(db->Connection(), second).size(), (text.size() + 4095) / 4096);
 }
 
 }  // namespace

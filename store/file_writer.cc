@@ -47,10 +47,15 @@ bool FileWriter::Run(const unsigned char* bytes, std::int32_t count, std::int32_
   if (!batched && d_.lockForWrite != nullptr && !db_.ExecuteDirect(d_.lockForWrite)) {
     return false;
   }
-  OdbcStatement* insert = session_.Prepared(d_.insertFile);
-  if (insert == nullptr) return false;
-  insert->SetInt32(1, count);
-  if (!insert->Execute() || !ReadIdentity(session_, d_, insert, fileId)) return false;
+  // A batched file with chunks gets its row from the first appendChunks
+  // call, in the same round trip.
+  fileId = 0;
+  if (!batched || count == 0) {
+    OdbcStatement* insert = session_.Prepared(d_.insertFile);
+    if (insert == nullptr) return false;
+    insert->SetInt32(1, count);
+    if (!insert->Execute() || !ReadIdentity(session_, d_, insert, fileId)) return false;
+  }
   const auto total = static_cast<std::size_t>(count);
   std::vector<double> fingerprints;
   for (std::size_t offset = 0; offset < total; offset += kChunkBytes) {
@@ -188,6 +193,7 @@ bool FileWriter::AddChunk(std::int32_t fileId, const unsigned char* chunk, std::
     Pending& entry = pending->second;
     ++entry.generation;
     entry.chunks = chunks + 1;
+    entry.fftRms = composite;
     entry.bucket = BucketOf(composite);
     entry.submitted = false;
   } else {
@@ -209,7 +215,7 @@ std::size_t FileWriter::ChunksPerCall() const {
   return std::clamp<std::size_t>(options_.deferredBytesLimit / kChunkBytes / 2, 1, 1024);
 }
 
-bool FileWriter::AppendChunks(std::int32_t fileId, const unsigned char* bytes, std::size_t total,
+bool FileWriter::AppendChunks(std::int32_t& fileId, const unsigned char* bytes, std::size_t total,
                               const std::vector<double>& fingerprints, std::size_t first,
                               std::size_t run) {
   OdbcStatement* append = session_.Prepared(d_.appendChunks);
@@ -238,15 +244,18 @@ bool FileWriter::AppendChunks(std::int32_t fileId, const unsigned char* bytes, s
   heldIds_ += '}';
   OfferKnownVersions();
   append->SetInt32(1, fileId);
-  append->SetText(2, fingerprintList_);
-  append->SetText(3, lengthList_);
-  append->SetText(4, heldIds_);
-  append->SetText(5, knownIds_);
-  append->SetText(6, knownVersions_);
+  append->SetInt32(2, static_cast<std::int32_t>(total));
+  append->SetText(3, fingerprintList_);
+  append->SetText(4, lengthList_);
+  append->SetText(5, heldIds_);
+  append->SetText(6, knownIds_);
+  append->SetText(7, knownVersions_);
+  append->SetBit(8, first + run == fingerprints.size());
   if (!append->Execute()) return false;
   using C = AppendColumns;
   bool ok = true;
   for (std::size_t i = first; ok && i < first + run; ++i) {
+    std::int32_t file = 0;
     std::int32_t id = 0;
     std::int32_t chunksBefore = 0;
     std::int32_t start = 0;
@@ -257,10 +266,14 @@ bool FileWriter::AppendChunks(std::int32_t fileId, const unsigned char* bytes, s
          append->GetInt32(C::kChunksBefore, chunksBefore) &&
          append->GetBit(C::kIsCompressed, compressed) && append->GetInt32(C::kStart, start) &&
          append->GetDouble(C::kFftRms, composite) && append->GetBinary(C::kData, data_) &&
-         append->GetBit(C::kCurrent, current) &&
+         append->GetBit(C::kCurrent, current) && append->GetInt32(C::kFileId, file) && file > 0 &&
+         (fileId == 0 || file == fileId) &&
          TakeChunk(bytes + i * kChunkBytes, std::min(kChunkBytes, total - i * kChunkBytes), id,
                    chunksBefore, compressed, start, composite, data_, current);
-    if (ok) CompressWhatIsFinished(BucketOf(fingerprints[i]), id);
+    if (ok) {
+      fileId = file;
+      CompressWhatIsFinished(BucketOf(fingerprints[i]), id);
+    }
   }
   ok = ok && append->Fetch() == OdbcStatement::Row::kEnd;
   append->CloseCursor();
@@ -336,6 +349,7 @@ bool FileWriter::TakeChunk(const unsigned char* chunk, std::size_t length, std::
   Pending& entry = pending->second;
   ++entry.generation;
   entry.chunks = chunksBefore + 1;
+  entry.fftRms = composite;
   entry.bucket = BucketOf(composite);
   entry.submitted = false;
   return true;
@@ -364,6 +378,7 @@ bool FileWriter::NewComposite(std::int32_t fileId, const unsigned char* chunk, s
     entry.plain = std::move(plain);
     entry.generation = 1;
     entry.chunks = 1;
+    entry.fftRms = fingerprint;
     entry.bucket = BucketOf(fingerprint);
   }
   return InsertChunk(fileId, 1, id, 1, length, fingerprint) && WritePendingIfLarge();
@@ -446,6 +461,19 @@ bool FileWriter::WritePending() {
     ++i;
     if (cache_ != nullptr) written_[id] = nullptr;  // touched, whatever happens next
   }
+  // With the counts, fingerprints as text (the parameters point into it).
+  std::vector<std::string> fftTexts;
+  if (d_.dataWritesSetCounts) {
+    fftTexts.reserve(writes.size() + 1);
+    for (const Write& w : writes) {
+      char text[32];
+      const std::to_chars_result written = std::to_chars(text, text + sizeof text, w.entry->fftRms);
+      if (written.ec != std::errc()) return false;
+      fftTexts.emplace_back(text, written.ptr);
+    }
+    fftTexts.emplace_back("0");  // for spare rows
+  }
+  const int perRow = d_.dataWritesSetCounts ? 5 : 3;
   std::size_t next = 0;
   // In batches, each the smallest that holds the writes left (or the
   // largest), its spare rows naming composite 0, which no row has (ids
@@ -465,16 +493,24 @@ bool FileWriter::WritePending() {
     OdbcStatement* batch = session_.Prepared(d_.updateCompositeDataBatch[size]);
     if (batch == nullptr) return false;
     for (std::size_t row = 0; row < rows; ++row) {
-      const int column = 3 * static_cast<int>(row);
+      const int column = perRow * static_cast<int>(row);
       if (row < left) {
         const Write& w = writes[next + row];
         batch->SetInt32(column + 1, w.id);
         batch->SetBinary(column + 2, w.form->bytes(), w.form->count(), d_.longBinary);
         batch->SetBit(column + 3, w.form->compressed());
+        if (d_.dataWritesSetCounts) {
+          batch->SetInt32(column + 4, w.entry->chunks);
+          batch->SetText(column + 5, fftTexts[next + row]);
+        }
       } else {
         batch->SetInt32(column + 1, 0);
         batch->SetBinary(column + 2, kNothing, 0, d_.longBinary);
         batch->SetBit(column + 3, false);
+        if (d_.dataWritesSetCounts) {
+          batch->SetInt32(column + 4, 0);
+          batch->SetText(column + 5, fftTexts.back());
+        }
       }
     }
     if (!batch->Execute() || !ReadVersions(d_, batch, versions_)) return false;
@@ -487,7 +523,13 @@ bool FileWriter::WritePending() {
       const Write& w = writes[next];
       update->SetBinary(1, w.form->bytes(), w.form->count(), d_.longBinary);
       update->SetBit(2, w.form->compressed());
-      update->SetInt32(3, w.id);
+      if (d_.dataWritesSetCounts) {
+        update->SetInt32(3, w.entry->chunks);
+        update->SetText(4, fftTexts[next]);
+        update->SetInt32(5, w.id);
+      } else {
+        update->SetInt32(3, w.id);
+      }
       if (!update->Execute() || !ReadVersions(d_, update, versions_)) return false;
     }
   }

@@ -56,6 +56,7 @@ class FileWriter {
     int bucket = 0;                // of its fingerprint now
     bool submitted = false;        // this generation went to the compressor
     std::int32_t chunks = 0;       // its chunks count after the last append
+    double fftRms = 0;             // its fingerprint after the last append
     // A stream that consumed a prefix of the bytes before this file's
     // appends, when known; compression continues it. The composite's
     // first background job takes it over.
@@ -95,8 +96,9 @@ class FileWriter {
 
   // Chunks [first, first + run) of the file through one appendChunks call:
   // the database searches, counts and inserts, and sends a composite's data
-  // only when this transaction does not hold its bytes.
-  bool AppendChunks(std::int32_t fileId, const unsigned char* bytes, std::size_t total,
+  // only when this transaction does not hold its bytes. A `fileId` of 0:
+  // the call inserts the file's row too, and sets `fileId`.
+  bool AppendChunks(std::int32_t& fileId, const unsigned char* bytes, std::size_t total,
                     const std::vector<double>& fingerprints, std::size_t first, std::size_t run);
 
   // Fills knownIds_ and knownVersions_ (array literals) with the composites

@@ -160,20 +160,26 @@ Dialect MakePostgresql() {
   // schema, many per call.
   d.appendChunks =
       "SELECT out_composite, out_chunks_before, out_compressed, out_start, out_fft, out_data, "
-      "out_current FROM store_append_chunks(CAST(? AS integer), CAST(? AS double precision[]), "
-      "CAST(? AS integer[]), CAST(? AS integer[]), CAST(? AS integer[]), CAST(? AS bigint[]))";
+      "out_current, out_file FROM store_append_chunks(CAST(? AS integer), CAST(? AS integer), "
+      "CAST(? AS double precision[]), "
+      "CAST(? AS integer[]), CAST(? AS integer[]), CAST(? AS integer[]), CAST(? AS bigint[]), "
+      "CAST(? AS boolean))";
   static const std::array<std::string, kDataBatchSizes> batches = [] {
     std::array<std::string, kDataBatchSizes> texts;
     for (int size = 0; size < kDataBatchSizes; ++size) {
       std::string& sql = texts[static_cast<std::size_t>(size)];
       sql =
-          "UPDATE composite AS c SET data = v.data, is_compressed = v.is_compressed FROM (VALUES ";
+          "UPDATE composite AS c SET data = v.data, is_compressed = v.is_compressed, "
+          "chunks = v.chunks, fft_rms = v.fft_rms FROM (VALUES ";
       for (int row = 0; row < DataBatchRows(size); ++row) {
         if (row > 0) sql += ", ";
-        sql += "(CAST(? AS integer), CAST(? AS bytea), CAST(? AS boolean))";
+        sql +=
+            "(CAST(? AS integer), CAST(? AS bytea), CAST(? AS boolean), CAST(? AS integer), "
+            "CAST(CAST(? AS text) AS double precision))";
       }
       sql +=
-          ") AS v (composite_id, data, is_compressed) WHERE c.composite_id = v.composite_id"
+          ") AS v (composite_id, data, is_compressed, chunks, fft_rms) "
+          "WHERE c.composite_id = v.composite_id"
           " RETURNING c.composite_id, CAST(CAST(c.xmin AS text) AS bigint)";
     }
     return texts;
@@ -183,16 +189,18 @@ Dialect MakePostgresql() {
   }
   d.longBinary = false;  // the driver maps variable binary to bytea
   static const std::string updateData =
-      std::string(d.updateCompositeData) +
-      " RETURNING composite_id, CAST(CAST(xmin AS text) AS bigint)";
+      "UPDATE composite SET data = ?, is_compressed = ?, chunks = ?, "
+      "fft_rms = CAST(CAST(? AS text) AS double precision) WHERE composite_id = ? "
+      "RETURNING composite_id, CAST(CAST(xmin AS text) AS bigint)";
   d.updateCompositeData = updateData.c_str();
   d.dataWritesReturnVersions = true;
+  d.dataWritesSetCounts = true;
   d.tablesPresent =
       "SELECT (SELECT COUNT(*) FROM pg_catalog.pg_tables WHERE schemaname = current_schema() "
       "AND tablename IN ('file', 'chunk', 'composite')) + (SELECT COUNT(*) FROM "
       "pg_catalog.pg_proc p JOIN pg_catalog.pg_namespace n ON n.oid = p.pronamespace "
       "WHERE n.nspname = current_schema() AND p.proname = 'store_append_chunks' "
-      "AND p.pronargs = 6)";
+      "AND p.pronargs = 8)";
   d.schemaObjects = 4;
   // Concurrent CREATE ... IF NOT EXISTS can fail on PostgreSQL, and a
   // creator that runs while another caller already stores a file can

@@ -32,10 +32,11 @@ constexpr int DataBatchRows(int size) { return 2 << size; }
 // start, the composite's fft_rms after, its stored data (NULL when new,
 // among the ids the caller holds, already sent for an earlier chunk, or
 // current), and whether the row is still at the version the caller knows
-// (then the caller's bytes are the stored ones and no data is sent).
+// (then the caller's bytes are the stored ones and no data is sent), and
+// the file the chunks belong to.
 struct AppendColumns {
   static constexpr int kCompositeId = 1, kChunksBefore = 2, kIsCompressed = 3, kStart = 4,
-                       kFftRms = 5, kData = 6, kCurrent = 7;
+                       kFftRms = 5, kData = 6, kCurrent = 7, kFileId = 8;
 };
 
 // Column positions (1-based) of the composite search's row; 0 when absent.
@@ -77,27 +78,39 @@ struct Dialect {
   const char* updateComposite;
   // (fft_rms, composite_id): one more chunk, bytes written later.
   const char* updateCompositeCounts;
-  // (data, is_compressed, composite_id); with dataWritesReturnVersions,
-  // like the batches below, a row (composite_id, row version) per row written.
+  // (data, is_compressed, composite_id), or with dataWritesSetCounts
+  // (data, is_compressed, chunks, fft_rms as text, composite_id); with
+  // dataWritesReturnVersions, like the batches below, a row (composite_id,
+  // row version) per row written.
   const char* updateCompositeData;
   // (file_id, ordinal, composite_id, start, length, fft_rms)
   const char* insertChunk;
   // Or null. With deferred compression, in place of the search and the
   // inserts and updates of many chunks, one call (one round trip on a
   // server) that stores a run of a file's chunks in order. Parameters:
-  // (file_id, the chunks' fft_rms as an array literal "{0.5,1.25}", their
+  // (file_id, or 0 to insert the file's row first in the same call;
+  // original_size, for that row; the chunks' fft_rms as an array literal
+  // "{0.5,1.25}", their
   // lengths as one, the ids of composites whose bytes the caller holds as
   // one, the ids of composites the caller knows as last written and, as a
-  // bigint array, the row version it knows for each). New composites get
+  // bigint array, the row version it knows for each; whether this is the
+  // file's last call: then the stored composites' counts are left to the
+  // data writes, see dataWritesSetCounts). New composites get
   // empty data, to be written before the commit. One row per chunk, see
   // AppendColumns.
   const char* appendChunks;
-  // Or nulls. (composite_id, data, is_compressed) x DataBatchRows(size):
-  // the deferred data writes of several composites in one statement.
+  // Or nulls. (composite_id, data, is_compressed), with dataWritesSetCounts
+  // followed by (chunks, fft_rms as text), x DataBatchRows(size): the
+  // deferred data writes of several composites in one statement.
   const char* updateCompositeDataBatch[kDataBatchSizes];
   // The data writes return each row's new version: a number the database
   // changes with every update of the row (PostgreSQL's xmin).
   bool dataWritesReturnVersions;
+  // The data writes set chunks and fft_rms too, and the last appendChunks
+  // call of a file leaves the composites' counts to them (one row version
+  // per composite and file instead of two). Fingerprints go as text, in
+  // the shortest form that reads back as the same double.
+  bool dataWritesSetCounts;
   // Binds composite data as a long binary (else as a variable binary).
   bool longBinary;
 
