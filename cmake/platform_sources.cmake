@@ -8,9 +8,11 @@
 # files may be split into codec_gdiplus_*.cc; the pattern below takes them.
 
 set(ZP_POSIX_ONLY_SOURCES
-    # Cache file sharing, identifiers, the file stream.
+    # Cache file sharing and publishing, identifiers, the file stream.
     core/file_lock.cc
+    core/cache_files.cc
     core/random_source.cc
+    core/zelvar_stream.cc
     # HTTP through libcurl.
     net/http_client.cc
     # Images through libpng, libjpeg and giflib (sniffing and drawing,
@@ -21,7 +23,9 @@ set(ZP_POSIX_ONLY_SOURCES
 
 set(ZP_WINDOWS_SOURCES
     core/file_lock_win.cc
+    core/cache_files_win.cc
     core/random_source_win.cc
+    core/zelvar_stream_win.cc
     net/http_client_win.cc
     image/codec_gdiplus.cc)
 set(ZP_WINDOWS_SOURCE_PATTERN "(_win(_test)?\\.cc|/codec_gdiplus[_a-z0-9]*\\.cc)$")
