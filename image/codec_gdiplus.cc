@@ -13,8 +13,11 @@
 // platform.
 #include <windows.h>
 // windows.h first: the headers below need its types.
-#include <gdiplus.h>
+#include <objbase.h>
 #include <objidl.h>
+#include <propidl.h>
+// GDI+ last: it needs the COM and property types above.
+#include <gdiplus.h>
 
 #include <algorithm>
 #include <cstring>
