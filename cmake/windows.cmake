@@ -12,7 +12,7 @@ add_compile_definitions(NOMINMAX WIN32_LEAN_AND_MEAN _WIN32_WINNT=0x0601
 
 # Windows system libraries behind the seams (import libraries of the mingw
 # root; each names a DLL that every Windows installation carries).
-set(ZP_WINDOWS_SYSTEM_LIBS winhttp gdiplus odbc32 ole32 oleaut32 uuid shlwapi ws2_32)
+set(ZP_WINDOWS_SYSTEM_LIBS winhttp gdiplus odbc32 ole32 oleaut32 uuid shlwapi ws2_32 crypt32)
 
 # The DLL keeps its Windows name (no "lib" prefix); its import library
 # beside it is ZelvarPackCore.dll.a.
