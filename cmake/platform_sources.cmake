@@ -17,11 +17,11 @@ set(ZP_POSIX_ONLY_SOURCES
     store/odbc_host.cc
     # HTTP through libcurl.
     net/http_client.cc
-    # Images through libpng, libjpeg and giflib, drawn in memory.
+    # Images through libpng, libjpeg and giflib (sniffing and drawing,
+    # image/codec_draw.cc, are shared: sheets get the same pixels).
     image/codec_png.cc
     image/codec_jpeg.cc
-    image/codec_gif.cc
-    image/codec_draw.cc)
+    image/codec_gif.cc)
 
 set(ZP_WINDOWS_SOURCES
     core/file_lock_win.cc
