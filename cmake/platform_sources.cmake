@@ -13,6 +13,8 @@ set(ZP_POSIX_ONLY_SOURCES
     core/cache_files.cc
     core/random_source.cc
     core/zelvar_stream.cc
+    # Where the ODBC drivers are and how they name files.
+    store/odbc_host.cc
     # HTTP through libcurl.
     net/http_client.cc
     # Images through libpng, libjpeg and giflib (sniffing and drawing,
@@ -26,6 +28,7 @@ set(ZP_WINDOWS_SOURCES
     core/cache_files_win.cc
     core/random_source_win.cc
     core/zelvar_stream_win.cc
+    store/odbc_host_win.cc
     net/http_client_win.cc
     image/codec_gdiplus.cc)
 set(ZP_WINDOWS_SOURCE_PATTERN "(_win(_test)?\\.cc|/codec_gdiplus[_a-z0-9]*\\.cc)$")

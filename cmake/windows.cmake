@@ -5,8 +5,10 @@
 # GDI+, ole32 and ODBC32.
 
 add_link_options(-static -static-libgcc -static-libstdc++)
-# Windows headers: no min/max macros, the Vista-and-later API surface.
-add_compile_definitions(NOMINMAX WIN32_LEAN_AND_MEAN _WIN32_WINNT=0x0601 UNICODE _UNICODE)
+# Windows headers: no min/max macros, the Windows 7 API surface; 64-bit
+# off_t, stat and lseek in the C runtime, as on 64-bit Linux.
+add_compile_definitions(NOMINMAX WIN32_LEAN_AND_MEAN _WIN32_WINNT=0x0601
+                        _FILE_OFFSET_BITS=64)
 
 # Windows system libraries behind the seams (import libraries of the mingw
 # root; each names a DLL that every Windows installation carries).
