@@ -90,13 +90,13 @@ bool PublishFile(const std::string& path, std::initializer_list<std::string_view
   ok = ::close(fd) == 0 && ok;
   if (ok) {
     if (mode == Publish::kReplace) {
-      ok = ReplaceFile(temporary, path);
+      ok = RenameReplacing(temporary, path);
     } else {
       // link() never replaces: the first whole file under the name stays. On
       // a file system without hard links, a rename when the name is free
       // comes close (two racing writers of equal content both succeed).
       if (!LinkFile(temporary, path) && errno != EEXIST) {
-        ok = PathExists(path) || ReplaceFile(temporary, path);
+        ok = PathExists(path) || RenameReplacing(temporary, path);
       }
     }
   }

@@ -64,7 +64,7 @@ int OpenDescriptor(const char* path, int flags, unsigned mode) {
 
 bool MakeFolder(const std::string& path) { return ::_mkdir(path.c_str()) == 0; }
 
-bool ReplaceFile(const std::string& from, const std::string& to) {
+bool RenameReplacing(const std::string& from, const std::string& to) {
   if (::MoveFileExA(from.c_str(), to.c_str(), MOVEFILE_REPLACE_EXISTING) != 0) return true;
   errno = EACCES;
   return false;
@@ -105,7 +105,7 @@ int OpenDescriptor(const char* path, int flags, unsigned mode) {
 
 bool MakeFolder(const std::string& path) { return ::mkdir(path.c_str(), 0755) == 0; }
 
-bool ReplaceFile(const std::string& from, const std::string& to) {
+bool RenameReplacing(const std::string& from, const std::string& to) {
   return ::rename(from.c_str(), to.c_str()) == 0;
 }
 

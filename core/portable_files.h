@@ -34,7 +34,7 @@ bool MakeFolder(const std::string& path);
 // Renames `from` onto `to`, replacing a file already there in one step, as
 // rename(2) does. On Windows the C runtime's rename refuses an existing
 // target, so this moves with MOVEFILE_REPLACE_EXISTING.
-bool ReplaceFile(const std::string& from, const std::string& to);
+bool RenameReplacing(const std::string& from, const std::string& to);
 
 // Gives the file `from` the second name `to` (a hard link); never replaces:
 // false with errno == EEXIST when `to` exists, false with another errno when

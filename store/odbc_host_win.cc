@@ -1,9 +1,11 @@
 // Windows side of the driver lookup. Wine's kernel32 carries two functions
 // of its own that translate between Windows and host paths; their presence
 // is how the library knows that ODBC32 leads to the host's driver manager.
+// windows.h first: the ODBC headers build on its types.
+#include <windows.h>
+// (keeps the two blocks apart when includes are sorted)
 #include <sql.h>
 #include <sqlext.h>
-#include <windows.h>
 
 #include <cwchar>
 #include <string>
