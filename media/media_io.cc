@@ -95,7 +95,7 @@ void OutputFile::Drain() {
 void OutputFile::Publish() {
   Drain();
   if (published_) return;
-  if (!ReplaceFile(temporaryPath_, finalPath_)) {
+  if (!RenameReplacing(temporaryPath_, finalPath_)) {
     ThrowMediaError(kCouldNotOpenFile);
   }
   published_ = true;
