@@ -2,14 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#ifdef _WIN32
-#include <windows.h>
-#else
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-#endif
-
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -20,11 +12,8 @@
 #include <vector>
 
 #include "core/file_lock.h"
+#include "tests/child_process.h"
 #include "tests/temp_dir.h"
-
-#ifndef _WIN32
-extern char** environ;
-#endif
 
 namespace {
 
@@ -36,132 +25,35 @@ std::string ReadAll(FILE* file) {
   return bytes;
 }
 
-// The tests below start this test program a second time as "the other
-// process" of a file-sharing pair, on every platform the same way. The
-// parent says what the child is to do through the environment:
-// ZP_SHARING_ROLE (writer or reader), ZP_SHARING_PATH (the shared file),
-// ZP_SHARING_READY (created once the child holds the file), ZP_SHARING_GO
-// (created by the parent when the child may let go) and ZP_SHARING_OUT
-// (where a reader child leaves the bytes it read). The child plays its part
-// before any test runs and exits.
-
-bool WaitForFile(const std::string& path) {
-  for (int i = 0; i < 6000; ++i) {  // at most a minute: a lost parent must not hang us
-    if (zelvarpack::PathExists(path.c_str())) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return false;
-}
-
-int PlaySharingChild(const char* role) {
-  const std::string path = std::getenv("ZP_SHARING_PATH");
-  const std::string ready = std::getenv("ZP_SHARING_READY");
-  const std::string go = std::getenv("ZP_SHARING_GO");
+// The other process of a file-sharing pair is a second copy of this test
+// program (tests/child_process.h). ZP_SHARING_ROLE is "writer" or
+// "reader"; the child works on the files of ZP_SHARING_DIR: "shared" (the
+// file they share), "ready" (made once the child holds it), "go" (made by the
+// parent when the child may let go) and "out" (what a reader child read).
+int PlaySharingPart(const char* role) {
+  const std::filesystem::path dir = std::getenv("ZP_SHARING_DIR");
+  const std::string path = (dir / "shared").string();
   if (std::string(role) == "writer") {
     FILE* writer = CZelvarUtils::OpenFileForWriting(path);
     std::fputs("first half ", writer);
     std::fflush(writer);
-    WriteWholeFile(ready, "");
-    if (!WaitForFile(go)) return 3;
+    WriteWholeFile((dir / "ready").string(), "");
+    if (!WaitForPath((dir / "go").string())) return 3;
     std::fputs("second half", writer);
     std::fclose(writer);
     return 0;
   }
   FILE* reader = CZelvarUtils::OpenFileForReading(path);
   if (reader == nullptr) return 2;
-  WriteWholeFile(ready, "");
-  if (!WaitForFile(go)) return 3;
+  WriteWholeFile((dir / "ready").string(), "");
+  if (!WaitForPath((dir / "go").string())) return 3;
   const std::string seen = ReadAll(reader);
   std::fclose(reader);
-  WriteWholeFile(std::getenv("ZP_SHARING_OUT"), seen);
+  WriteWholeFile((dir / "out").string(), seen);
   return 0;
 }
 
-const bool kIsSharingChild = [] {
-  const char* role = std::getenv("ZP_SHARING_ROLE");
-  if (role == nullptr) return false;
-  const int status = PlaySharingChild(role);
-  std::fflush(nullptr);
-  std::_Exit(status);
-}();
-
-// Another copy of this program playing `role` on `dir`'s files ("shared",
-// "ready", "go", "out").
-class SharingChild {
- public:
-  SharingChild(const TempDir& dir, const char* role) {
-    const std::pair<const char*, std::string> settings[] = {{"ZP_SHARING_ROLE", role},
-                                                            {"ZP_SHARING_PATH", dir.File("shared")},
-                                                            {"ZP_SHARING_READY", dir.File("ready")},
-                                                            {"ZP_SHARING_GO", dir.File("go")},
-                                                            {"ZP_SHARING_OUT", dir.File("out")}};
-    for (const auto& [name, value] : settings) SetVariable(name, value.c_str());
-#ifdef _WIN32
-    wchar_t self[MAX_PATH];
-    ::GetModuleFileNameW(nullptr, self, MAX_PATH);
-    std::wstring commandLine = L"\"" + std::wstring(self) + L"\"";
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION process{};
-    if (::CreateProcessW(self, commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
-                         &startup, &process)) {
-      ::CloseHandle(process.hThread);
-      process_ = process.hProcess;
-    }
-#else
-    char self[] = "/proc/self/exe";
-    char* const arguments[] = {self, nullptr};
-    if (::posix_spawn(&pid_, self, nullptr, nullptr, arguments, environ) != 0) pid_ = -1;
-#endif
-    for (const auto& setting : settings) SetVariable(setting.first, nullptr);
-  }
-
-  bool Started() const {
-#ifdef _WIN32
-    return process_ != nullptr;
-#else
-    return pid_ > 0;
-#endif
-  }
-
-  // The child's exit status, or -1.
-  int Wait() {
-#ifdef _WIN32
-    DWORD status = static_cast<DWORD>(-1);
-    if (::WaitForSingleObject(process_, INFINITE) != WAIT_OBJECT_0 ||
-        !::GetExitCodeProcess(process_, &status)) {
-      return -1;
-    }
-    ::CloseHandle(process_);
-    process_ = nullptr;
-    return static_cast<int>(status);
-#else
-    int status = 0;
-    if (::waitpid(pid_, &status, 0) != pid_) return -1;
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-#endif
-  }
-
- private:
-  static void SetVariable(const char* name, const char* value) {
-#ifdef _WIN32
-    ::_putenv_s(name, value == nullptr ? "" : value);
-#else
-    if (value == nullptr) {
-      ::unsetenv(name);
-    } else {
-      ::setenv(name, value, 1);
-    }
-#endif
-  }
-
-#ifdef _WIN32
-  HANDLE process_ = nullptr;
-#else
-  pid_t pid_ = -1;
-#endif
-};
+const bool kIsSharingChild = PlayChildPartIfAsked("ZP_SHARING_ROLE", PlaySharingPart);
 
 TEST(OpenFile, MissingFileForReadingIsNull) {
   TempDir dir;
@@ -192,9 +84,9 @@ TEST(OpenFile, WriterTruncatesAndReadersShare) {
 TEST(OpenFile, ReaderInAnotherProcessWaitsForWriter) {
   ASSERT_FALSE(kIsSharingChild);
   TempDir dir;
-  SharingChild child(dir, "writer");
+  ChildProcess child({{"ZP_SHARING_ROLE", "writer"}, {"ZP_SHARING_DIR", dir.path().string()}});
   ASSERT_TRUE(child.Started());
-  ASSERT_TRUE(WaitForFile(dir.File("ready")));
+  ASSERT_TRUE(WaitForPath(dir.File("ready")));
   std::atomic<bool> released{false};
   bool openedAfterRelease = false;
   std::string seen;
@@ -220,9 +112,9 @@ TEST(OpenFile, ReaderInAnotherProcessWaitsForWriter) {
 TEST(OpenFile, WriterWaitsForReaderInAnotherProcess) {
   TempDir dir;
   WriteWholeFile(dir.File("shared"), "cached by an earlier writer");
-  SharingChild child(dir, "reader");
+  ChildProcess child({{"ZP_SHARING_ROLE", "reader"}, {"ZP_SHARING_DIR", dir.path().string()}});
   ASSERT_TRUE(child.Started());
-  ASSERT_TRUE(WaitForFile(dir.File("ready")));
+  ASSERT_TRUE(WaitForPath(dir.File("ready")));
   std::atomic<bool> released{false};
   bool openedAfterRelease = false;
   std::thread writer([&] {

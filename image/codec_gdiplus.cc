@@ -18,6 +18,7 @@
 #include <propidl.h>
 // GDI+ last: it needs the COM and property types above.
 #include <gdiplus.h>
+#include <zlib.h>
 
 #include <algorithm>
 #include <cstring>
@@ -164,6 +165,29 @@ bool HasSeveralFrames(gp::GpImage* image) {
   return frames > 1;
 }
 
+std::uint32_t BigEndian32(const std::uint8_t* at) {
+  return std::uint32_t{at[0]} << 24 | std::uint32_t{at[1]} << 16 | std::uint32_t{at[2]} << 8 |
+         at[3];
+}
+
+// True when every critical chunk of a PNG, up to IEND or the end of the
+// data, carries a correct check. GDI+ does not look at them; the Linux
+// decoder refuses such files, and so does this one.
+bool PngChecksHold(const std::uint8_t* bytes, std::size_t count) {
+  std::size_t at = 8;
+  while (at + 12 <= count) {
+    const std::uint32_t length = BigEndian32(bytes + at);
+    if (length > count - at - 12) return true;  // cut short: GDI+ judges the rest
+    const std::uint8_t* type = bytes + at + 4;
+    const bool critical = (type[0] & 0x20) == 0;
+    const auto crc = crc32(0, type, static_cast<uInt>(length + 4));
+    if (critical && crc != BigEndian32(type + 4 + length)) return false;
+    if (std::memcmp(type, "IEND", 4) == 0) break;
+    at += std::size_t{length} + 12;
+  }
+  return true;
+}
+
 // Decodes bytes of `format` into RGBA. The declared size is checked on the
 // header first, the decoded size again after.
 bool DecodeWith(ImageFormat format, const std::uint8_t* bytes, std::size_t count,
@@ -177,6 +201,7 @@ bool DecodeWith(ImageFormat format, const std::uint8_t* bytes, std::size_t count
       !limits.Admits(declaredWidth, declaredHeight) || !GdiplusRunning()) {
     return false;
   }
+  if (format == ImageFormat::kPng && !PngChecksHold(bytes, count)) return false;
   Stream stream = StreamOver(bytes, count);
   if (!stream) return false;
   gp::GpBitmap* raw = nullptr;
