@@ -14,7 +14,7 @@ case "$action" in
   start)
     "$here/setup-wine.sh" "$WINEPREFIX"
     # -p: stay up with no client attached, until "stop".
-    wineserver -p
+    wineserver -p </dev/null >/dev/null 2>&1
     ;;
   stop)
     # -k ends the server and every Wine process left in the prefix; -w waits
