@@ -39,9 +39,6 @@ set(ZP_POSIX_ONLY_TESTS
     # Reads the ELF symbol table with nm; the DLL's is checked by
     # tests/windows/check_dll.py with objdump on the build machine.
     tests/exports_test.cc
-    # Kill a writer process mid-write (fork and SIGKILL); on Windows the
-    # file-sharing tests of core/zelvar_utils_test.cc run a second process.
-    core/cache_files_test.cc
     # Start the tool's server with fork and exec and stop it with SIGTERM.
     tools/serve_command_test.cc)
 
