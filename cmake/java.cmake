@@ -9,6 +9,33 @@
 # the Java targets are not made; without the jars the tests report
 # themselves skipped.
 
+if(WIN32)
+  # The Windows DLL carries the bridge too, compiled against the JDK's
+  # platform-neutral jni.h and the Windows jni_md.h of bridge/windows. The
+  # jar and the Java tests belong to the Linux build (the jar is the same).
+  find_package(Java 17 COMPONENTS Development)
+  file(GLOB ZP_BRIDGE_SOURCES CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/bridge/*.cc)
+  list(FILTER ZP_BRIDGE_SOURCES EXCLUDE REGEX "_test\\.cc$")
+  set(ZP_JDK_INCLUDE "")
+  if(Java_FOUND)
+    file(REAL_PATH ${Java_JAVAC_EXECUTABLE} ZP_JAVAC_REAL)
+    get_filename_component(ZP_JDK_HOME ${ZP_JAVAC_REAL} DIRECTORY)
+    get_filename_component(ZP_JDK_HOME ${ZP_JDK_HOME} DIRECTORY)
+    if(EXISTS ${ZP_JDK_HOME}/include/jni.h)
+      set(ZP_JDK_INCLUDE ${ZP_JDK_HOME}/include)
+    endif()
+  endif()
+  if(ZP_JDK_INCLUDE)
+    set_source_files_properties(
+      ${ZP_BRIDGE_SOURCES} PROPERTIES INCLUDE_DIRECTORIES
+                                      "${CMAKE_SOURCE_DIR}/bridge/windows;${ZP_JDK_INCLUDE}")
+  else()
+    message(STATUS "No JDK 17 with jni.h: the Java bridge is left out of the DLL")
+    set_source_files_properties(${ZP_BRIDGE_SOURCES} PROPERTIES HEADER_FILE_ONLY ON)
+  endif()
+  return()
+endif()
+
 find_package(Java 17 COMPONENTS Development Runtime)
 # jni.h of the JDK whose javac was found (other JDKs may be installed beside it).
 if(Java_FOUND AND NOT JAVA_HOME AND NOT DEFINED ENV{JAVA_HOME})

@@ -1,6 +1,8 @@
 #include "core/buffer_blocks.h"
 
+#if !defined(_WIN32)
 #include <sys/mman.h>
+#endif
 
 #include <cstdint>
 #include <cstdlib>
@@ -49,6 +51,21 @@ unsigned char* TakeKept(std::size_t size, std::size_t* allocated) {
   return block;
 }
 
+// A block of `size` bytes (a multiple of kHugePage) aligned to
+// kBlockAlignment that std::free and std::realloc accept; null when memory
+// is short.
+void* AllocateLarge(std::size_t size) {
+#if defined(_WIN32)
+  return std::malloc(size);
+#else
+  void* block = nullptr;
+  if (posix_memalign(&block, ZelvarBufferBlocks::kHugePage, size) != 0) return nullptr;
+  // Advice only: without huge pages the block is simply made of small ones.
+  madvise(block, size, MADV_HUGEPAGE);
+  return block;
+#endif
+}
+
 }  // namespace
 
 unsigned char* ZelvarBufferBlocks::Allocate(std::size_t size, std::size_t* allocated) {
@@ -62,10 +79,8 @@ unsigned char* ZelvarBufferBlocks::Allocate(std::size_t size, std::size_t* alloc
   if (size > std::numeric_limits<std::size_t>::max() - kHugePage) throw std::bad_alloc();
   const std::size_t rounded = (size + kHugePage - 1) / kHugePage * kHugePage;
   if (unsigned char* kept = TakeKept(rounded, allocated)) return kept;
-  void* block = nullptr;
-  if (posix_memalign(&block, kHugePage, rounded) != 0) throw std::bad_alloc();
-  // Advice only: without huge pages the block is simply made of small ones.
-  madvise(block, rounded, MADV_HUGEPAGE);
+  void* block = AllocateLarge(rounded);
+  if (block == nullptr) throw std::bad_alloc();
   *allocated = rounded;
   return static_cast<unsigned char*>(block);
 }
@@ -94,7 +109,7 @@ void ZelvarBufferBlocks::Release(unsigned char* block, std::size_t allocated) {
   // Only whole aligned huge pages, as Allocate makes them: a block that
   // realloc has moved or resized since is not one.
   if (block != nullptr && allocated >= kHugeThreshold && allocated % kHugePage == 0 &&
-      reinterpret_cast<std::uintptr_t>(block) % kHugePage == 0) {
+      reinterpret_cast<std::uintptr_t>(block) % kBlockAlignment == 0) {
     KeptBlocks& kept = Kept();
     std::lock_guard<std::mutex> lock(kept.mutex);
     if (kept.blocks.size() < kKeptBlocks && kept.bytes + allocated <= kKeptBytes) {

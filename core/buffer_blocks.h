@@ -4,8 +4,10 @@
 //
 // A block of 4 MB or more is 2 MB-aligned, rounded up to whole 2 MB pages and
 // marked for transparent huge pages, so that filling it takes a page fault
-// per 2 MB instead of one per 4 KB. Every block, whatever its size, is freed
-// and resized with std::free and std::realloc, like the buffer's own blocks.
+// per 2 MB instead of one per 4 KB. Windows has no aligned allocation whose
+// blocks std::free and std::realloc accept, so there such a block is only
+// rounded up, with malloc's own alignment (kBlockAlignment). Every block, whatever its size, is
+// freed and resized with std::free and std::realloc, like the buffer's own blocks.
 //
 // A few such large blocks are kept when their buffers are destroyed (at most
 // kKeptBlocks, kKeptBytes in all, for the whole process) and handed out again
@@ -24,6 +26,11 @@ class ZelvarBufferBlocks {
  public:
   static constexpr std::size_t kHugePage = std::size_t{2} << 20;
   static constexpr std::size_t kHugeThreshold = std::size_t{4} << 20;
+#if defined(_WIN32)
+  static constexpr std::size_t kBlockAlignment = alignof(std::max_align_t);
+#else
+  static constexpr std::size_t kBlockAlignment = kHugePage;
+#endif
   static constexpr std::size_t kKeptBlocks = 4;
   static constexpr std::size_t kKeptBytes = std::size_t{64} << 20;
 

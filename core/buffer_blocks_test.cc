@@ -37,7 +37,7 @@ TEST(BufferBlocks, SmallBlocksAreExactAndLargeOnesWholeAlignedHugePages) {
                                  ZelvarBufferBlocks::kHugeThreshold + 1, 5 * kHuge - 7}) {
     SCOPED_TRACE(size);
     unsigned char* large = ZelvarBufferBlocks::Allocate(size, &allocated);
-    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(large) % kHuge, 0u);
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(large) % ZelvarBufferBlocks::kBlockAlignment, 0u);
     EXPECT_GE(allocated, size);
     EXPECT_LT(allocated - size, kHuge);
     EXPECT_EQ(allocated % kHuge, 0u);
@@ -123,14 +123,14 @@ TEST(BufferBlocks, OnlyWholeAlignedHugePagesAreKept) {
   auto* plain = static_cast<unsigned char*>(std::malloc(kSize + 16));
   ASSERT_NE(plain, nullptr);
   unsigned char* unaligned = plain;
-  if (reinterpret_cast<std::uintptr_t>(plain) % ZelvarBufferBlocks::kHugePage == 0) {
+  if (reinterpret_cast<std::uintptr_t>(plain) % ZelvarBufferBlocks::kBlockAlignment == 0) {
     std::free(plain);
-    GTEST_SKIP() << "malloc returned a huge-page-aligned block";
+    GTEST_SKIP() << "malloc returned a block as aligned as Allocate makes them";
   }
   ZelvarBufferBlocks::Release(unaligned, kSize);  // freed
   std::size_t allocated = 0;
   unsigned char* fresh = ZelvarBufferBlocks::Allocate(kSize, &allocated);
-  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(fresh) % ZelvarBufferBlocks::kHugePage, 0u);
+  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(fresh) % ZelvarBufferBlocks::kBlockAlignment, 0u);
   // A small block is freed too, whatever its address.
   ZelvarBufferBlocks::Release(static_cast<unsigned char*>(std::malloc(64)), 64);
   ZelvarBufferBlocks::Release(nullptr, 0);

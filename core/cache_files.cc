@@ -1,12 +1,12 @@
 #include "core/cache_files.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 
+#include "core/portable_files.h"
 #include "core/random_source.h"
 #include "zelvarpack/zelvar_utils.h"
 
@@ -37,10 +37,7 @@ int CreateTemporary(const std::string& path, std::string& name) {
       name += kHex[b >> 4];
       name += kHex[b & 0xF];
     }
-    int fd;
-    do {
-      fd = ::open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    } while (fd < 0 && errno == EINTR);
+    const int fd = OpenDescriptor(name.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
     if (fd >= 0 || errno != EEXIST) return fd;
   }
   return -1;
@@ -49,8 +46,7 @@ int CreateTemporary(const std::string& path, std::string& name) {
 }  // namespace
 
 void EnsureFolder(const std::string& path) {
-  struct stat info;
-  if (::stat(path.c_str(), &info) != 0) ::mkdir(path.c_str(), 0755);
+  if (!PathExists(path)) MakeFolder(path);
 }
 
 std::unique_ptr<CZelvarBuffer> ReadCacheFile(const std::string& path, std::size_t maxBytes) {
@@ -94,14 +90,13 @@ bool PublishFile(const std::string& path, std::initializer_list<std::string_view
   ok = ::close(fd) == 0 && ok;
   if (ok) {
     if (mode == Publish::kReplace) {
-      ok = ::rename(temporary.c_str(), path.c_str()) == 0;
+      ok = RenameReplacing(temporary, path);
     } else {
       // link() never replaces: the first whole file under the name stays. On
       // a file system without hard links, a rename when the name is free
       // comes close (two racing writers of equal content both succeed).
-      if (::link(temporary.c_str(), path.c_str()) != 0 && errno != EEXIST) {
-        struct stat info;
-        ok = ::stat(path.c_str(), &info) == 0 || ::rename(temporary.c_str(), path.c_str()) == 0;
+      if (!LinkFile(temporary, path) && errno != EEXIST) {
+        ok = PathExists(path) || RenameReplacing(temporary, path);
       }
     }
   }

@@ -1,15 +1,17 @@
 #include "core/cache_files.h"
 
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
+#include <atomic>
+#include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <string>
+#include <thread>
 
+#include "tests/child_process.h"
 #include "tests/temp_dir.h"
+#include "zelvarpack/zelvar_utils.h"
 
 namespace {
 
@@ -40,36 +42,76 @@ TEST(PublishFile, ReplacesOrKeepsAndLeavesNoTemporaryFiles) {
   EXPECT_FALSE(PublishFile(dir.File("missing/entry"), {"x"}, Publish::kReplace));
 }
 
+constexpr std::size_t kBigFileBytes = std::size_t{32} << 20;
+
+// The killed writer of the test below, a second copy of this program:
+// publishes `path` over and over after making "<path>.ready".
+int PublishUntilKilled(const char* path) {
+  const std::string content(kBigFileBytes, 'b');
+  WriteWholeFile(std::string(path) + ".ready", "");
+  for (int i = 0; i < 1000; ++i) PublishFile(path, {content}, Publish::kReplace);
+  return 0;
+}
+
+const bool kIsPublishingChild = PlayChildPartIfAsked("ZP_PUBLISH_UNTIL_KILLED", PublishUntilKilled);
+
 // A writer killed at any moment leaves no file or a whole one under the
 // final name; the kill lands wherever it lands, and either outcome passes.
 TEST(PublishFile, KilledWriterLeavesNoPartialFile) {
+  ASSERT_FALSE(kIsPublishingChild);
   TempDir dir;
   const std::string path = dir.File("big");
-  const std::string content(32 << 20, 'b');
   for (int round = 0; round < 4; ++round) {
     std::filesystem::remove(path);
-    int ready[2];
-    ASSERT_EQ(::pipe(ready), 0);
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-      (void)!::write(ready[1], "r", 1);
-      for (int i = 0; i < 1000; ++i) PublishFile(path, {content}, Publish::kReplace);
-      ::_exit(0);
-    }
-    char byte;
-    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
-    for (int spin = 0; spin < round * 200000; ++spin) {
-      asm volatile("" ::: "memory");
-    }
-    ::kill(child, SIGKILL);
-    ::waitpid(child, nullptr, 0);
-    ::close(ready[0]);
-    ::close(ready[1]);
+    std::filesystem::remove(path + ".ready");
+    ChildProcess child({{"ZP_PUBLISH_UNTIL_KILLED", path}});
+    ASSERT_TRUE(child.Started());
+    ASSERT_TRUE(WaitForPath(path + ".ready"));
+    std::this_thread::sleep_for(std::chrono::milliseconds(round * 40));
+    child.Kill();
+    child.Wait();
     if (std::filesystem::exists(path)) {
-      EXPECT_EQ(std::filesystem::file_size(path), content.size());
+      EXPECT_EQ(std::filesystem::file_size(path), kBigFileBytes);
     }
   }
+}
+
+// Replacing a file that a reader holds open: the reader keeps reading the
+// whole old content, and the new content is under the name once the reader
+// is done. (POSIX renames over the open file at once; Windows refuses to
+// replace an open file, and the publisher waits for the reader.)
+TEST(PublishFile, ReplacingAFileBeingReadLeavesTheReaderItsContent) {
+  TempDir dir;
+  const std::string path = dir.File("entry");
+  const std::string old(200000, 'o');
+  ASSERT_TRUE(PublishFile(path, {old}, Publish::kReplace));
+  FILE* reader = CZelvarUtils::OpenFileForReading(path);
+  ASSERT_NE(reader, nullptr);
+  std::atomic<bool> readerDone{false};
+  bool published = false;
+  bool publishedAfterReader = false;
+  std::thread publisher([&] {
+    published = PublishFile(path, {"new"}, Publish::kReplace);
+    publishedAfterReader = readerDone.load();
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(250));
+  std::string seen;
+  char chunk[4096];
+  for (std::size_t got; (got = std::fread(chunk, 1, sizeof chunk, reader)) > 0;) {
+    seen.append(chunk, got);
+  }
+  readerDone = true;
+  std::fclose(reader);
+  publisher.join();
+  EXPECT_EQ(seen, old);
+  EXPECT_TRUE(published);
+  EXPECT_EQ(ReadWholeFile(path), "new");
+#ifdef _WIN32
+  EXPECT_TRUE(publishedAfterReader);
+#else
+  (void)publishedAfterReader;
+#endif
+  EXPECT_EQ(CountEntries(dir.path()), 1u) << "no temporary file is left behind";
 }
 
 TEST(ReadCacheFile, ReadsWholeFilesWithinTheLimit) {

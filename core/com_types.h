@@ -1,11 +1,28 @@
 // The few COM shapes the library needs to hand a file to stream-based
-// consumers, defined here so that no platform header is required: an IID
-// type, HRESULT codes, and the IUnknown / ISequentialStream / IStream
-// interfaces in their standard slot order.
+// consumers: an IID type, HRESULT codes, and the IUnknown / ISequentialStream
+// / IStream interfaces in their standard slot order. On Windows they are the
+// system's own (so a CZelvarStream is a real COM object that system
+// components can call); elsewhere they are defined here with the same
+// layout, so that no platform header is required.
 #ifndef ZELVARPACK_CORE_COM_TYPES_H_
 #define ZELVARPACK_CORE_COM_TYPES_H_
 
 #include <cstdint>
+
+#ifdef _WIN32
+
+#ifndef NOMINMAX
+#define NOMINMAX
+#endif
+#include <objidl.h>
+#include <windows.h>
+
+// The calling convention of COM methods.
+#define ZP_COM_CALL STDMETHODCALLTYPE
+
+#else  // !_WIN32
+
+#define ZP_COM_CALL
 
 using HRESULT = std::int32_t;
 using ULONG = std::uint32_t;
@@ -16,14 +33,6 @@ constexpr HRESULT E_NOTIMPL = static_cast<HRESULT>(0x80004001u);
 constexpr HRESULT E_NOINTERFACE = static_cast<HRESULT>(0x80004002u);
 constexpr HRESULT E_POINTER = static_cast<HRESULT>(0x80004003u);
 constexpr HRESULT STG_E_INVALIDFUNCTION = static_cast<HRESULT>(0x80030001u);
-
-// An operating-system error code as an HRESULT: positive codes get the
-// system facility, zero and negative values pass through unchanged.
-constexpr HRESULT HresultFromSystemError(std::int32_t error) {
-  return error > 0
-             ? static_cast<HRESULT>(0x80070000u | (static_cast<std::uint32_t>(error) & 0xFFFFu))
-             : error;
-}
 
 struct IID {
   std::uint32_t data1;
@@ -95,5 +104,15 @@ class IStream : public ISequentialStream {
  protected:
   ~IStream() = default;
 };
+
+#endif  // _WIN32
+
+// An operating-system error code as an HRESULT: positive codes get the
+// system facility, zero and negative values pass through unchanged.
+constexpr HRESULT HresultFromSystemError(std::int32_t error) {
+  return error > 0
+             ? static_cast<HRESULT>(0x80070000u | (static_cast<std::uint32_t>(error) & 0xFFFFu))
+             : error;
+}
 
 #endif  // ZELVARPACK_CORE_COM_TYPES_H_

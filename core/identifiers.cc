@@ -46,18 +46,7 @@ std::string ContentId(const unsigned char* bytes, std::size_t count) {
   return IdFromNumber(CollateHash(bytes, count));
 }
 
-std::string NewGuidString() {
-  unsigned char g[16];
-  zelvarpack::FillRandom(g, sizeof g);
-  g[6] = static_cast<unsigned char>((g[6] & 0x0F) | 0x40);  // version 4
-  g[8] = static_cast<unsigned char>((g[8] & 0x3F) | 0x80);  // RFC 4122 variant
-  char text[39];
-  std::snprintf(text, sizeof text,
-                "{%02X%02X%02X%02X-%02X%02X-%02X%02X-%02X%02X-%02X%02X%02X%02X%02X%02X}", g[0],
-                g[1], g[2], g[3], g[4], g[5], g[6], g[7], g[8], g[9], g[10], g[11], g[12], g[13],
-                g[14], g[15]);
-  return text;
-}
+std::string NewGuidString() { return zelvarpack::NewGuidText(); }
 
 bool IsGuidShaped(const std::string& text) {
   static constexpr char kShape[] = "{XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX}";

@@ -18,24 +18,25 @@ class CZelvarStream final : public IStream {
   CZelvarStream(const CZelvarStream&) = delete;
   CZelvarStream& operator=(const CZelvarStream&) = delete;
 
-  HRESULT QueryInterface(REFIID riid, void** object) override;
-  ULONG AddRef() override;
-  ULONG Release() override;
+  HRESULT ZP_COM_CALL QueryInterface(REFIID riid, void** object) override;
+  ULONG ZP_COM_CALL AddRef() override;
+  ULONG ZP_COM_CALL Release() override;
   // One read on the descriptor behind the FILE*; S_OK also on a short read.
-  HRESULT Read(void* buffer, ULONG count, ULONG* read) override;
-  HRESULT Write(const void* buffer, ULONG count, ULONG* written) override;
+  HRESULT ZP_COM_CALL Read(void* buffer, ULONG count, ULONG* read) override;
+  HRESULT ZP_COM_CALL Write(const void* buffer, ULONG count, ULONG* written) override;
   // Origins 0, 1 and 2 are begin, current and end.
-  HRESULT Seek(LARGE_INTEGER move, DWORD origin, ULARGE_INTEGER* new_position) override;
-  HRESULT SetSize(ULARGE_INTEGER size) override;
-  HRESULT CopyTo(IStream* target, ULARGE_INTEGER count, ULARGE_INTEGER* read,
-                 ULARGE_INTEGER* written) override;
-  HRESULT Commit(DWORD flags) override;
-  HRESULT Revert() override;
-  HRESULT LockRegion(ULARGE_INTEGER offset, ULARGE_INTEGER count, DWORD type) override;
-  HRESULT UnlockRegion(ULARGE_INTEGER offset, ULARGE_INTEGER count, DWORD type) override;
+  HRESULT ZP_COM_CALL Seek(LARGE_INTEGER move, DWORD origin, ULARGE_INTEGER* new_position) override;
+  HRESULT ZP_COM_CALL SetSize(ULARGE_INTEGER size) override;
+  HRESULT ZP_COM_CALL CopyTo(IStream* target, ULARGE_INTEGER count, ULARGE_INTEGER* read,
+                             ULARGE_INTEGER* written) override;
+  HRESULT ZP_COM_CALL Commit(DWORD flags) override;
+  HRESULT ZP_COM_CALL Revert() override;
+  HRESULT ZP_COM_CALL LockRegion(ULARGE_INTEGER offset, ULARGE_INTEGER count, DWORD type) override;
+  HRESULT ZP_COM_CALL UnlockRegion(ULARGE_INTEGER offset, ULARGE_INTEGER count,
+                                   DWORD type) override;
   // Fills only stat->cbSize.
-  HRESULT Stat(STATSTG* stat, DWORD flags) override;
-  HRESULT Clone(IStream** clone) override;
+  HRESULT ZP_COM_CALL Stat(STATSTG* stat, DWORD flags) override;
+  HRESULT ZP_COM_CALL Clone(IStream** clone) override;
 
  private:
   ~CZelvarStream() = default;

@@ -2,12 +2,26 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <string>
 
 #include "tests/temp_dir.h"
 
 namespace {
+
+LARGE_INTEGER Offset(std::int64_t n) {
+  LARGE_INTEGER value{};
+  value.QuadPart = n;
+  return value;
+}
+
+ULARGE_INTEGER Size(std::uint64_t n) {
+  ULARGE_INTEGER value{};
+  value.QuadPart = n;
+  return value;
+}
 
 class ZelvarStreamTest : public ::testing::Test {
  protected:
@@ -34,13 +48,13 @@ TEST_F(ZelvarStreamTest, ReadsSeeksAndReportsSize) {
   EXPECT_EQ(std::string(bytes, 4), "0123");
 
   ULARGE_INTEGER position{};
-  ASSERT_EQ(stream->Seek(LARGE_INTEGER{-3}, 2, &position), S_OK);
+  ASSERT_EQ(stream->Seek(Offset(-3), 2, &position), S_OK);
   EXPECT_EQ(position.QuadPart, 7u);
   ASSERT_EQ(stream->Read(bytes, 8, &got), S_OK) << "a short read at the end is still S_OK";
   EXPECT_EQ(std::string(bytes, got), "789");
-  ASSERT_EQ(stream->Seek(LARGE_INTEGER{-5}, 1, &position), S_OK);
+  ASSERT_EQ(stream->Seek(Offset(-5), 1, &position), S_OK);
   EXPECT_EQ(position.QuadPart, 5u);
-  ASSERT_EQ(stream->Seek(LARGE_INTEGER{2}, 0, nullptr), S_OK);
+  ASSERT_EQ(stream->Seek(Offset(2), 0, nullptr), S_OK);
   ASSERT_EQ(stream->Read(bytes, 1, &got), S_OK);
   EXPECT_EQ(bytes[0], '2');
 
@@ -58,15 +72,20 @@ TEST_F(ZelvarStreamTest, ErrorsAndUnsupportedOperations) {
   stat.cbSize.QuadPart = 99;
   ASSERT_EQ(stream->Stat(&stat, 0), S_OK);
   EXPECT_EQ(stat.cbSize.QuadPart, 0u);
-  EXPECT_EQ(stream->Seek(LARGE_INTEGER{0}, 3, nullptr), STG_E_INVALIDFUNCTION);
+  EXPECT_EQ(stream->Seek(Offset(0), 3, nullptr), STG_E_INVALIDFUNCTION);
   EXPECT_EQ(static_cast<std::uint32_t>(STG_E_INVALIDFUNCTION), 0x80030001u);
   EXPECT_EQ(stream->Write("x", 1, nullptr), E_NOTIMPL);
   EXPECT_EQ(static_cast<std::uint32_t>(E_NOTIMPL), 0x80004001u);
-  EXPECT_EQ(stream->SetSize(ULARGE_INTEGER{1}), E_NOTIMPL);
+  EXPECT_EQ(stream->SetSize(Size(1)), E_NOTIMPL);
   EXPECT_EQ(stream->Clone(nullptr), E_NOTIMPL);
-  // Seeking before the start is the system's EINVAL, mapped to an HRESULT.
-  EXPECT_EQ(static_cast<std::uint32_t>(stream->Seek(LARGE_INTEGER{-1}, 0, nullptr)),
-            0x80070000u | EINVAL);
+  // Seeking before the start is the system's error, mapped to an HRESULT.
+#ifdef _WIN32
+  constexpr std::uint32_t kNegativeSeek = ERROR_NEGATIVE_SEEK;
+#else
+  constexpr std::uint32_t kNegativeSeek = EINVAL;
+#endif
+  EXPECT_EQ(static_cast<std::uint32_t>(stream->Seek(Offset(-1), 0, nullptr)),
+            0x80070000u | kNegativeSeek);
   stream->Release();
 }
 

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "core/portable_files.h"
 #include "core/random_source.h"
 
 namespace zelvarpack {
@@ -20,11 +21,7 @@ std::string CopyPath(const unsigned char* path, std::int32_t length) {
 }
 
 int OpenRetrying(const char* path, int flags, unsigned mode) {
-  int fd;
-  do {
-    fd = ::open(path, flags | O_CLOEXEC, static_cast<mode_t>(mode));
-  } while (fd < 0 && errno == EINTR);
-  return fd;
+  return OpenDescriptor(path, flags, mode);
 }
 
 void CloseFile(int fd) {
@@ -98,7 +95,7 @@ void OutputFile::Drain() {
 void OutputFile::Publish() {
   Drain();
   if (published_) return;
-  if (::rename(temporaryPath_.c_str(), finalPath_.c_str()) != 0) {
+  if (!RenameReplacing(temporaryPath_, finalPath_)) {
     ThrowMediaError(kCouldNotOpenFile);
   }
   published_ = true;

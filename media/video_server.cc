@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "core/portable_files.h"
 #include "image/codec.h"
 #include "media/media_io.h"
 #include "media/video_engine.h"
@@ -49,8 +50,7 @@ void ReadWhole(const char* path, std::int64_t limit, std::vector<std::uint8_t>& 
 bool PreadFully(int fd, std::uint64_t offset, void* bytes, std::size_t count) {
   auto* out = static_cast<std::uint8_t*>(bytes);
   while (count > 0) {
-    const ssize_t got = ::pread(fd, out, count, static_cast<off_t>(offset));
-    if (got < 0 && errno == EINTR) continue;
+    const std::int64_t got = ReadAt(fd, out, count, offset);
     if (got <= 0) return false;
     out += got;
     offset += static_cast<std::uint64_t>(got);

@@ -1,11 +1,10 @@
 #include "store/file_store.h"
 
-#include <unistd.h>
-
 #include <memory>
 
 #include "store/file_writer.h"
 #include "store/odbc_connection.h"
+#include "store/odbc_host.h"
 #include "store/read_back.h"
 #include "store/session_pool.h"
 #include "store/sql_dialect.h"
@@ -94,17 +93,15 @@ std::int32_t StoreFile(const std::string& connection, const unsigned char* bytes
 }
 
 std::string SqliteDriverPath() {
-  for (const char* path :
-       {"/usr/lib/x86_64-linux-gnu/odbc/libsqlite3odbc.so",
-        "/usr/lib/aarch64-linux-gnu/odbc/libsqlite3odbc.so", "/usr/lib64/libsqlite3odbc.so",
-        "/usr/lib/odbc/libsqlite3odbc.so", "/usr/local/lib/libsqlite3odbc.so"}) {
-    if (::access(path, R_OK) == 0) return path;
-  }
-  return "";
+  return FindOdbcDriver(
+      {"/usr/lib/x86_64-linux-gnu/odbc/libsqlite3odbc.so",
+       "/usr/lib/aarch64-linux-gnu/odbc/libsqlite3odbc.so", "/usr/lib64/libsqlite3odbc.so",
+       "/usr/lib/odbc/libsqlite3odbc.so", "/usr/local/lib/libsqlite3odbc.so"},
+      "SQLite3");
 }
 
 std::string SqliteConnectionString(const std::string& path) {
-  return "DRIVER=" + SqliteDriverPath() + ";Database=" + path + ";JournalMode=WAL;SyncPragma=FULL;";
+  return "DRIVER=" + SqliteDriverPath() + ";Database=" + DriverFilePath(path) + ";JournalMode=WAL;SyncPragma=FULL;";
 }
 
 }  // namespace zelvarpack::store

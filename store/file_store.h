@@ -61,7 +61,8 @@ struct StoreTotals {
 bool ReadStoreTotals(const std::string& connection, StoreTotals& totals,
                      std::string* error = nullptr);
 
-// The SQLite ODBC driver installed on this machine (a library path), or "".
+// The SQLite ODBC driver installed on this machine (a library path, or on
+// Windows a registered driver's name in braces), or "".
 std::string SqliteDriverPath();
 // A connection string for the SQLite database file `path` (created by the
 // driver when missing), in write-ahead-log mode: a commit writes the log

@@ -1,5 +1,12 @@
 #include "store/odbc_connection.h"
 
+#ifdef _WIN32
+// ODBC32's headers build on the system's base types.
+#ifndef NOMINMAX
+#define NOMINMAX
+#endif
+#include <windows.h>
+#endif
 #include <sql.h>
 #include <sqlext.h>
 

@@ -14,10 +14,6 @@
 // plain absolute path. Nothing outside --root is ever served: ".." segments
 // are refused (symbolic links inside the root are followed on purpose, so a
 // test can place packaged libraries beside a page).
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -34,6 +30,8 @@
 #include <system_error>
 #include <thread>
 
+#include "core/portable_files.h"
+#include "core/socket_calls.h"
 #include "tools/cli.h"
 #include "zelvarpack/zelvar_css_server.h"
 #include "zelvarpack/zelvar_image_server.h"
@@ -278,7 +276,7 @@ Response StaticFile(const Settings& settings, const std::string& path) {
     if (file.back() != '/') file += '/';
     file += "index.html";
   }
-  const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+  const int fd = zelvarpack::OpenDescriptor(file.c_str(), O_RDONLY);
   if (fd < 0) return Error(404);
   Response response;
   if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
@@ -347,10 +345,9 @@ const char* StatusText(int status) {
   }
 }
 
-bool SendAll(int fd, const char* bytes, std::size_t count) {
+bool SendAll(zelvarpack::SocketHandle fd, const char* bytes, std::size_t count) {
   while (count > 0) {
-    const ssize_t sent = ::send(fd, bytes, count, MSG_NOSIGNAL);
-    if (sent < 0 && errno == EINTR) continue;
+    const std::int64_t sent = zelvarpack::SendSome(fd, bytes, count);
     if (sent <= 0) return false;
     bytes += sent;
     count -= static_cast<std::size_t>(sent);
@@ -358,7 +355,7 @@ bool SendAll(int fd, const char* bytes, std::size_t count) {
   return true;
 }
 
-void Send(int fd, const Response& response, bool isHead) {
+void Send(zelvarpack::SocketHandle fd, const Response& response, bool isHead) {
   std::string head = "HTTP/1.1 " + std::to_string(response.status) + " " +
                      StatusText(response.status) + "\r\nContent-Type: " + response.type +
                      "\r\nContent-Length: " + std::to_string(response.body.size()) +
@@ -373,12 +370,11 @@ void Send(int fd, const Response& response, bool isHead) {
 
 // Reads one request head; false when the client went away before sending
 // anything. `head` holds what came when it is too long or incomplete.
-bool ReadHead(int fd, std::string& head, bool& complete) {
+bool ReadHead(zelvarpack::SocketHandle fd, std::string& head, bool& complete) {
   complete = false;
   char chunk[4096];
   while (head.size() <= kMaxHead) {
-    const ssize_t got = ::recv(fd, chunk, sizeof chunk, 0);
-    if (got < 0 && errno == EINTR) continue;
+    const std::int64_t got = zelvarpack::ReceiveSome(fd, chunk, sizeof chunk);
     if (got <= 0) return !head.empty();
     head.append(chunk, static_cast<std::size_t>(got));
     const std::size_t end = head.find("\r\n\r\n");
@@ -395,10 +391,8 @@ bool ReadHead(int fd, std::string& head, bool& complete) {
   return true;
 }
 
-void ServeConnection(int fd, const Settings* settings) {
-  timeval idle{kIdleSeconds, 0};
-  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &idle, sizeof idle);
-  ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &idle, sizeof idle);
+void ServeConnection(zelvarpack::SocketHandle fd, const Settings* settings) {
+  zelvarpack::SetSocketTimeouts(fd, kIdleSeconds, kIdleSeconds);
   std::string head;
   bool complete = false;
   if (ReadHead(fd, head, complete)) {
@@ -414,17 +408,15 @@ void ServeConnection(int fd, const Settings* settings) {
   // Closing with unread request bytes would reset the connection and could
   // destroy the answer in flight: say we are done, then read what is left
   // (a bounded amount, for a bounded time) until the client closes.
-  ::shutdown(fd, SHUT_WR);
-  timeval drain{1, 0};
-  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &drain, sizeof drain);
+  zelvarpack::ShutdownSending(fd);
+  zelvarpack::SetSocketTimeouts(fd, 1, kIdleSeconds);
   char chunk[4096];
   for (std::size_t drained = 0; drained < (1u << 20);) {
-    const ssize_t got = ::recv(fd, chunk, sizeof chunk, 0);
-    if (got < 0 && errno == EINTR) continue;
+    const std::int64_t got = zelvarpack::ReceiveSome(fd, chunk, sizeof chunk);
     if (got <= 0) break;
     drained += static_cast<std::size_t>(got);
   }
-  ::close(fd);
+  zelvarpack::CloseSocket(fd);
   openConnections.fetch_sub(1);
 }
 
@@ -464,10 +456,10 @@ int RunServe(Arguments& args) {
     Fail("--listen needs an IPv4 ADDRESS:PORT, not '" + listen + "'");
   address.sin_port = htons(static_cast<std::uint16_t>(port));
 
-  const int server = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const int yes = 1;
-  ::setsockopt(server, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-  if (server < 0 || ::bind(server, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+  const zelvarpack::SocketHandle server = zelvarpack::OpenStreamSocket();
+  if (server != zelvarpack::kNoSocket) zelvarpack::AllowAddressReuse(server);
+  if (server == zelvarpack::kNoSocket ||
+      ::bind(server, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
       ::listen(server, 128) != 0) {
     throw std::runtime_error("cannot listen on " + listen + ": " + std::strerror(errno));
   }
@@ -479,14 +471,15 @@ int RunServe(Arguments& args) {
   // the kernel's choice when 0 was asked for).
   std::printf("http://%s:%u/\n", text, static_cast<unsigned>(ntohs(address.sin_port)));
   std::fflush(stdout);
+#if defined(SIGPIPE)
   std::signal(SIGPIPE, SIG_IGN);
+#endif
 
   const Settings* shared = settings.release();  // lives as long as the process
   for (;;) {
-    const int fd = ::accept4(server, nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd < 0) {
-      if (errno == EINTR || errno == ECONNABORTED) continue;
-      if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+    const zelvarpack::SocketHandle fd = zelvarpack::AcceptSocket(server);
+    if (fd == zelvarpack::kNoSocket) {
+      if (zelvarpack::AcceptFailureIsTransient()) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         continue;
       }
@@ -494,14 +487,14 @@ int RunServe(Arguments& args) {
     }
     if (openConnections.fetch_add(1) >= kMaxConnections) {
       Send(fd, Error(503), false);
-      ::close(fd);
+      zelvarpack::CloseSocket(fd);
       openConnections.fetch_sub(1);
       continue;
     }
     try {
       std::thread(ServeConnection, fd, shared).detach();
     } catch (const std::system_error&) {
-      ::close(fd);
+      zelvarpack::CloseSocket(fd);
       openConnections.fetch_sub(1);
     }
   }

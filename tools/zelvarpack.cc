@@ -1,4 +1,9 @@
 // zelvarpack: the command-line face of the engine.
+#if defined(_WIN32)
+#include <fcntl.h>
+#include <io.h>
+#endif
+
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -94,6 +99,11 @@ constexpr Command kCommands[] = {
 }  // namespace
 
 int main(int argc, char** argv) {
+#if defined(_WIN32)
+  // Outputs are bytes, compared with the Linux tool's: no CR/LF translation.
+  ::_setmode(::_fileno(stdin), _O_BINARY);
+  ::_setmode(::_fileno(stdout), _O_BINARY);
+#endif
   if (argc < 2 || std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0) {
     std::fputs(kUsage, argc < 2 ? stderr : stdout);
     return argc < 2 ? 2 : 0;
