@@ -35,7 +35,12 @@ set(ZP_WINDOWS_SOURCE_PATTERN "(_win(_test)?\\.cc|/codec_gdiplus[_a-z0-9]*\\.cc)
 
 # Tests of the POSIX-only parts that cannot run against the Windows ones.
 set(ZP_POSIX_ONLY_TESTS
-    image/codec_png_test.cc)
+    image/codec_png_test.cc
+    # Reads the ELF symbol table with nm; the DLL's is checked by
+    # tests/windows/check_dll.py with objdump on the build machine.
+    tests/exports_test.cc
+    # Start the tool's server with fork and exec and stop it with SIGTERM.
+    tools/serve_command_test.cc)
 
 # zp_platform_filter(<list variable>): drops from the list what does not
 # belong to the platform being built.

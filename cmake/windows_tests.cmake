@@ -15,7 +15,67 @@ foreach(library gtest gtest_main)
   endif()
 endforeach()
 
+find_package(Python3 COMPONENTS Interpreter)
+find_program(ZP_MINGW_OBJDUMP ${ZP_MINGW_TRIPLET}-objdump)
+find_program(ZP_MINGW_CXXFILT ${ZP_MINGW_TRIPLET}-c++filt)
+
+# Tests of the suite that do not run under Wine, with the reason (also in
+# docs/windows.md). Whole files that cannot even be built for Windows are in
+# cmake/platform_sources.cmake (ZP_POSIX_ONLY_TESTS).
+set(ZP_WINE_EXCLUDED_TESTS "")
+
 function(zp_add_windows_tests)
+  # The cross-built suite is compiled lighter than the library (no debug
+  # information, less optimisation): it is built on every run of the
+  # Windows stage, and the engine under test keeps the release flags.
+  target_compile_options(zelvarpack_tests PRIVATE -O1 -g0)
+  set(prefix ${CMAKE_BINARY_DIR}/wine)
+  set(nginx_state ${CMAKE_BINARY_DIR}/loopback-nginx.state)
+  # One wineserver for the whole run (-p: it stays up between test
+  # processes), the prefix made on first use.
+  add_test(NAME wine.start COMMAND ${CMAKE_SOURCE_DIR}/scripts/wine-server.sh start ${prefix})
+  add_test(NAME wine.stop COMMAND ${CMAKE_SOURCE_DIR}/scripts/wine-server.sh stop ${prefix})
+  set_tests_properties(wine.start PROPERTIES FIXTURES_SETUP wine LABELS windows TIMEOUT 300)
+  set_tests_properties(wine.stop PROPERTIES FIXTURES_CLEANUP wine LABELS windows)
+  # The real nginx runs on the build machine; the tests reach it over
+  # loopback through WinHTTP.
+  add_test(NAME nginx.start COMMAND ${CMAKE_SOURCE_DIR}/scripts/loopback-nginx-fixture.sh start
+                                    ${nginx_state})
+  add_test(NAME nginx.stop COMMAND ${CMAKE_SOURCE_DIR}/scripts/loopback-nginx-fixture.sh stop
+                                   ${nginx_state})
+  set_tests_properties(nginx.start PROPERTIES FIXTURES_SETUP nginx LABELS windows)
+  set_tests_properties(nginx.stop PROPERTIES FIXTURES_CLEANUP nginx LABELS windows)
+  add_test(NAME postgres.start COMMAND ${CMAKE_SOURCE_DIR}/scripts/loopback-postgres.sh start
+                                       ${CMAKE_BINARY_DIR}/loopback-postgres.state)
+  add_test(NAME postgres.stop COMMAND ${CMAKE_SOURCE_DIR}/scripts/loopback-postgres.sh stop
+                                      ${CMAKE_BINARY_DIR}/loopback-postgres.state)
+  set_tests_properties(postgres.start PROPERTIES FIXTURES_SETUP postgres LABELS windows)
+  set_tests_properties(postgres.stop PROPERTIES FIXTURES_CLEANUP postgres LABELS windows)
+
+  # The prefix must exist before the test program is listed (PRE_TEST).
+  set(environment "WINEPREFIX=${prefix}" "ZP_NGINX_STATE=${nginx_state}")
+  string(JOIN ":" excluded ${ZP_WINE_EXCLUDED_TESTS})
+  set(filter "-*Postgres*")
+  if(excluded)
+    set(filter "${filter}:${excluded}")
+  endif()
   gtest_discover_tests(zelvarpack_tests DISCOVERY_TIMEOUT 120 DISCOVERY_MODE PRE_TEST
-                       PROPERTIES LABELS windows)
+                       TEST_FILTER "${filter}"
+                       PROPERTIES LABELS windows FIXTURES_REQUIRED "wine;nginx"
+                                  ENVIRONMENT "${environment}" TIMEOUT 300)
+  gtest_discover_tests(zelvarpack_tests DISCOVERY_TIMEOUT 120 DISCOVERY_MODE PRE_TEST
+                       TEST_FILTER "*Postgres*"
+                       PROPERTIES LABELS windows FIXTURES_REQUIRED "wine;postgres"
+                                  ENVIRONMENT "${environment}" TIMEOUT 300)
+
+  # The DLL's imports and exports, read with objdump on the build machine.
+  if(Python3_Interpreter_FOUND AND ZP_MINGW_OBJDUMP AND ZP_MINGW_CXXFILT)
+    add_test(NAME windows.dll_surface
+             COMMAND ${Python3_EXECUTABLE} ${CMAKE_SOURCE_DIR}/tests/windows/check_dll.py
+                     --objdump ${ZP_MINGW_OBJDUMP} --cxxfilt ${ZP_MINGW_CXXFILT}
+                     --surface ${CMAKE_SOURCE_DIR}/tests/exports_test.cc --java-entries 30
+                     $<TARGET_FILE:ZelvarPackCore> $<TARGET_FILE:zelvarpack>
+                     $<TARGET_FILE:zelvarpack_tests>)
+    set_tests_properties(windows.dll_surface PROPERTIES LABELS windows)
+  endif()
 endfunction()

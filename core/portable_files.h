@@ -41,9 +41,10 @@ bool RenameReplacing(const std::string& from, const std::string& to);
 // the file system has no hard links.
 bool LinkFile(const std::string& from, const std::string& to);
 
-// Reads up to `count` bytes at `offset` without moving a position others
-// rely on (pread); returns the bytes read, 0 at end of file, -1 on error.
-// Safe to call from several threads on one descriptor.
+// Reads up to `count` bytes at `offset` (pread); returns the bytes read, 0
+// at end of file, -1 on error. Safe to call from several threads on one
+// descriptor. The descriptor's own position is left unspecified (Windows
+// moves it), so a descriptor read with ReadAt is read only with ReadAt.
 std::int64_t ReadAt(int fd, void* bytes, std::size_t count, std::uint64_t offset);
 
 }  // namespace zelvarpack

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <numbers>
 #include <random>
 #include <vector>
 
@@ -51,7 +52,7 @@ TEST(Radix2Fft, ImpulseGivesForwardTwiddlesScaledByOneOverN) {
   x[1] = 1.0;
   fft.Transform(x.data(), y.data());
   for (int k = 0; k < n; ++k) {
-    const double angle = -2.0 * M_PI * k / n;
+    const double angle = -2.0 * std::numbers::pi * k / n;
     EXPECT_NEAR(x[static_cast<std::size_t>(k)], std::cos(angle) / n, 1e-15) << k;
     EXPECT_NEAR(y[static_cast<std::size_t>(k)], std::sin(angle) / n, 1e-15) << k;
   }

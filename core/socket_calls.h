@@ -11,6 +11,7 @@
 #else
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -26,9 +27,11 @@ namespace zelvarpack {
 #if defined(_WIN32)
 using SocketHandle = SOCKET;
 inline constexpr SocketHandle kNoSocket = INVALID_SOCKET;
+using SocketPollEntry = WSAPOLLFD;
 #else
 using SocketHandle = int;
 inline constexpr SocketHandle kNoSocket = -1;
+using SocketPollEntry = pollfd;
 #endif
 
 // Starts the socket library (Winsock needs it once per process; nothing on
@@ -151,6 +154,54 @@ inline void AllowAddressReuse(SocketHandle socket) {
 #else
   (void)socket;
 #endif
+}
+
+// poll(2) / WSAPoll over sockets; `timeoutMs` -1 waits without limit.
+// Returns the number of ready entries, or -1 on error (EINTR retried).
+inline int PollSockets(SocketPollEntry* entries, std::size_t count, int timeoutMs) {
+#if defined(_WIN32)
+  return ::WSAPoll(entries, static_cast<ULONG>(count), timeoutMs);
+#else
+  int ready;
+  do {
+    ready = ::poll(entries, static_cast<nfds_t>(count), timeoutMs);
+  } while (ready < 0 && errno == EINTR);
+  return ready;
+#endif
+}
+
+inline bool ConnectSocket(SocketHandle socket, const sockaddr_in& where) {
+  return ::connect(socket, reinterpret_cast<const sockaddr*>(&where), sizeof where) == 0;
+}
+
+// Two connected sockets on 127.0.0.1 (a pipe that poll and WSAPoll can both
+// wait on: Winsock polls sockets only). False when they cannot be made.
+inline bool MakeSocketPair(SocketHandle pair[2]) {
+  pair[0] = pair[1] = kNoSocket;
+  const SocketHandle listener = OpenStreamSocket();
+  if (listener == kNoSocket) return false;
+  sockaddr_in where{};
+  where.sin_family = AF_INET;
+  where.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  where.sin_port = 0;
+  socklen_t length = sizeof where;
+  bool ok = ::bind(listener, reinterpret_cast<const sockaddr*>(&where), sizeof where) == 0 &&
+            ::listen(listener, 1) == 0 &&
+            ::getsockname(listener, reinterpret_cast<sockaddr*>(&where), &length) == 0;
+  if (ok) {
+    pair[0] = OpenStreamSocket();
+    ok = pair[0] != kNoSocket && ConnectSocket(pair[0], where);
+  }
+  if (ok) {
+    pair[1] = AcceptSocket(listener);
+    ok = pair[1] != kNoSocket;
+  }
+  CloseSocket(listener);
+  if (!ok) {
+    if (pair[0] != kNoSocket) CloseSocket(pair[0]);
+    pair[0] = pair[1] = kNoSocket;
+  }
+  return ok;
 }
 
 }  // namespace zelvarpack

@@ -9,10 +9,12 @@
 #include <random>
 #include <sstream>
 #include <string>
+#include <thread>
 
 #include "net/zlib_codec.h"
 #include "tests/store_databases.h"
 #include "tests/temp_dir.h"
+#include "tests/tool_runner.h"
 #include "zelvarpack/zelvar_file_server.h"
 
 namespace {
@@ -388,20 +390,18 @@ TEST(FileStorePostgres, TwoProcessesAddAtOnce) {
       contents[p].push_back(bytes);
     }
   }
-  std::string script;
+  ToolRun runs[2];
+  std::thread tools[2];
   for (int p = 0; p < 2; ++p) {
-    script += "( " + std::string(ZP_TOOL_PATH) + " store add --db '" + db->Connection() + "'";
-    for (const std::string& path : paths[p]) script += " " + path;
-    script += " >" + dir.File("ids" + std::to_string(p)) + " 2>&1; echo $? >" +
-              dir.File("status" + std::to_string(p)) + " ) &\n";
+    std::string args = "store add --db '" + db->Connection() + "'";
+    for (const std::string& path : paths[p]) args += " '" + path + "'";
+    tools[p] = std::thread([&runs, p, args] { runs[p] = RunTool(args, ToolErrors::kMerged); });
   }
-  script += "wait\n";
-  ASSERT_EQ(std::system(script.c_str()), 0);
+  for (std::thread& tool : tools) tool.join();
   for (int p = 0; p < 2; ++p) {
     SCOPED_TRACE(p);
-    ASSERT_EQ(ReadWholeFile(dir.File("status" + std::to_string(p))), "0\n")
-        << ReadWholeFile(dir.File("ids" + std::to_string(p)));
-    std::istringstream ids(ReadWholeFile(dir.File("ids" + std::to_string(p))));
+    ASSERT_EQ(runs[p].status, 0) << runs[p].out;
+    std::istringstream ids(runs[p].out);
     for (const std::string& bytes : contents[p]) {
       std::int32_t id = 0;
       ASSERT_TRUE(ids >> id);

@@ -1,21 +1,28 @@
 // Test support shared by the suites (compiled into the test binary only).
 #include "tests/loopback_servers.h"
 
-#include <arpa/inet.h>
+#if defined(_WIN32)
+#include <process.h>
+#else
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#endif
 
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
+
+#include "core/socket_calls.h"
+
+using zelvarpack::SocketHandle;
+using zelvarpack::SocketPollEntry;
 
 namespace {
 
@@ -29,29 +36,34 @@ sockaddr_in Port80(const std::string& address) {
   return where;
 }
 
+SocketHandle AsSocket(std::intptr_t fd) { return static_cast<SocketHandle>(fd); }
+
 bool Accepts(const std::string& address) {
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const sockaddr_in where = Port80(address);
-  const bool ok = ::connect(fd, reinterpret_cast<const sockaddr*>(&where), sizeof where) == 0;
-  ::close(fd);
+  const SocketHandle fd = zelvarpack::OpenStreamSocket();
+  if (fd == zelvarpack::kNoSocket) return false;
+  const bool ok = zelvarpack::ConnectSocket(fd, Port80(address));
+  zelvarpack::CloseSocket(fd);
   return ok;
 }
 
 // Waits for `fd` to become readable; false when the stop pipe fired first.
-bool WaitReadable(int fd, int stopFd) {
-  pollfd fds[2] = {{fd, POLLIN, 0}, {stopFd, POLLIN, 0}};
-  while (true) {
-    const int ready = ::poll(fds, 2, -1);
-    if (ready < 0 && errno == EINTR) continue;
-    if (ready < 0 || (fds[1].revents & POLLIN) != 0) return false;
-    if (fds[0].revents != 0) return true;
-  }
+bool WaitReadable(std::intptr_t fd, std::intptr_t stopFd) {
+  SocketPollEntry fds[2] = {{AsSocket(fd), POLLIN, 0}, {AsSocket(stopFd), POLLIN, 0}};
+  const int ready = zelvarpack::PollSockets(fds, 2, -1);
+  if (ready < 0 || (fds[1].revents & POLLIN) != 0) return false;
+  return fds[0].revents != 0;
 }
+
+#if defined(_WIN32)
+int ProcessId() { return ::_getpid(); }
+#else
+int ProcessId() { return static_cast<int>(::getpid()); }
+#endif
 
 }  // namespace
 
 std::string LoopbackAddress(int kind) {
-  const auto pid = static_cast<unsigned>(::getpid());
+  const auto pid = static_cast<unsigned>(ProcessId());
   return "127." + std::to_string(((kind & 3) << 6) | ((pid >> 16) & 0x3F)) + "." +
          std::to_string((pid >> 8) & 0xFF) + "." + std::to_string(pid & 0xFF);
 }
@@ -66,11 +78,35 @@ std::string ResponseHead(const std::string& statusLine, const std::vector<std::s
 
 LoopbackNginx::LoopbackNginx(std::string address) : address_(std::move(address)) {}
 
+#if defined(_WIN32)
+
+// The Windows test program cannot start nginx (a program of the build
+// machine); the CTest fixture "nginx" did (scripts/loopback-nginx-fixture.sh),
+// and its state file holds the folder it serves and its address.
+LoopbackNginx::~LoopbackNginx() = default;
+
+std::string LoopbackNginx::Start() {
+  const char* state = std::getenv("ZP_NGINX_STATE");
+  if (state == nullptr || *state == '\0') {
+    return "no nginx: the Windows tests reach the one of the CTest fixture \"nginx\" "
+           "(ZP_NGINX_STATE is not set)";
+  }
+  std::ifstream in(state);
+  std::string folder, address;
+  if (!(in >> folder >> address)) return std::string("cannot read ") + state;
+  shared_ = folder;
+  address_ = address;
+  return Accepts(address_) ? "" : "the fixture's nginx does not answer on " + address_;
+}
+
+#else
+
 LoopbackNginx::~LoopbackNginx() {
   if (pid_ > 0) {
-    ::kill(pid_, SIGTERM);
+    const auto pid = static_cast<pid_t>(pid_);
+    ::kill(pid, SIGTERM);
     int status;
-    while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
   }
 }
@@ -78,9 +114,9 @@ LoopbackNginx::~LoopbackNginx() {
 std::string LoopbackNginx::Start() {
   const std::string script = std::string(ZP_SOURCE_DIR) + "/scripts/loopback-nginx.sh";
   const std::string log = dir_.File("launcher.log");
-  pid_ = ::fork();
-  if (pid_ < 0) return "fork failed";
-  if (pid_ == 0) {
+  const pid_t pid = ::fork();
+  if (pid < 0) return "fork failed";
+  if (pid == 0) {
     // nginx dies with the test process, whatever way that ends.
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     const int out = ::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
@@ -90,12 +126,13 @@ std::string LoopbackNginx::Start() {
             static_cast<char*>(nullptr));
     ::_exit(127);
   }
+  pid_ = pid;
   // A readiness wait, not a measurement: nginx starts in well under a second.
   const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   while (std::chrono::steady_clock::now() < giveUp) {
     if (Accepts(address_)) return "";
     int status;
-    if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+    if (::waitpid(pid, &status, WNOHANG) == pid) {
       pid_ = -1;
       return "nginx exited: " + ReadWholeFile(log) + ReadWholeFile(dir_.File("logs/error.log"));
     }
@@ -104,12 +141,19 @@ std::string LoopbackNginx::Start() {
   return "nginx did not start listening on " + address_;
 }
 
+#endif
+
 std::string LoopbackNginx::Url(const std::string& path, bool secure) const {
   return (secure ? "https://" : "http://") + address_ + path;
 }
 
+std::string LoopbackNginx::CertificateAuthorityFile() const {
+  return shared_.empty() ? dir_.File("ca.crt") : shared_ + "/ca.crt";
+}
+
 void LoopbackNginx::Serve(const std::string& path, const std::string& bytes) const {
-  const std::filesystem::path file = dir_.path() / ("www" + path);
+  const std::filesystem::path root = shared_.empty() ? dir_.path() : std::filesystem::path(shared_);
+  const std::filesystem::path file = root / ("www" + path);
   std::filesystem::create_directories(file.parent_path());
   WriteWholeFile(file.string(), bytes);
 }
@@ -119,17 +163,12 @@ void LoopbackNginx::Serve(const std::string& path, const std::string& bytes) con
 bool ScriptedServer::Connection::Send(const std::string& bytes) {
   std::size_t done = 0;
   while (done < bytes.size()) {
-    pollfd fds[2] = {{fd_, POLLOUT, 0}, {stopFd_, POLLIN, 0}};
-    if (::poll(fds, 2, -1) < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
+    SocketPollEntry fds[2] = {{AsSocket(fd_), POLLOUT, 0}, {AsSocket(stopFd_), POLLIN, 0}};
+    if (zelvarpack::PollSockets(fds, 2, -1) < 0) return false;
     if ((fds[1].revents & POLLIN) != 0 || (fds[0].revents & (POLLERR | POLLHUP)) != 0) return false;
-    const ssize_t sent = ::send(fd_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-    if (sent < 0) {
-      if (errno == EINTR || errno == EAGAIN) continue;
-      return false;
-    }
+    const std::int64_t sent =
+        zelvarpack::SendSome(AsSocket(fd_), bytes.data() + done, bytes.size() - done);
+    if (sent < 0) return false;
     done += static_cast<std::size_t>(sent);
   }
   return true;
@@ -138,30 +177,34 @@ bool ScriptedServer::Connection::Send(const std::string& bytes) {
 void ScriptedServer::Connection::WaitUntilClosed() {
   char scratch[4096];
   while (WaitReadable(fd_, stopFd_)) {
-    const ssize_t got = ::recv(fd_, scratch, sizeof scratch, 0);
-    if (got == 0 || (got < 0 && errno != EINTR)) return;
+    const std::int64_t got = zelvarpack::ReceiveSome(AsSocket(fd_), scratch, sizeof scratch);
+    if (got <= 0) return;
   }
 }
 
 ScriptedServer::ScriptedServer(std::string address) : address_(std::move(address)) {
-  if (::pipe2(stopPipe_, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
-  listenFd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const int on = 1;
-  ::setsockopt(listenFd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  SocketHandle pair[2];
+  if (!zelvarpack::MakeSocketPair(pair)) throw std::runtime_error("socket pair failed");
+  stopPipe_[0] = static_cast<std::intptr_t>(pair[0]);
+  stopPipe_[1] = static_cast<std::intptr_t>(pair[1]);
+  const SocketHandle listener = zelvarpack::OpenStreamSocket();
+  listenFd_ = static_cast<std::intptr_t>(listener);
+  if (listener != zelvarpack::kNoSocket) zelvarpack::AllowAddressReuse(listener);
   const sockaddr_in where = Port80(address_);
-  if (::bind(listenFd_, reinterpret_cast<const sockaddr*>(&where), sizeof where) != 0 ||
-      ::listen(listenFd_, 128) != 0) {
+  if (listener == zelvarpack::kNoSocket ||
+      ::bind(listener, reinterpret_cast<const sockaddr*>(&where), sizeof where) != 0 ||
+      ::listen(listener, 128) != 0) {
     const std::string reason = std::strerror(errno);
-    ::close(listenFd_);
-    ::close(stopPipe_[0]);
-    ::close(stopPipe_[1]);
+    if (listener != zelvarpack::kNoSocket) zelvarpack::CloseSocket(listener);
+    zelvarpack::CloseSocket(pair[0]);
+    zelvarpack::CloseSocket(pair[1]);
     throw std::runtime_error("cannot listen on " + address_ + ":80: " + reason);
   }
   acceptor_ = std::thread([this] { AcceptLoop(); });
 }
 
 ScriptedServer::~ScriptedServer() {
-  (void)!::write(stopPipe_[1], "x", 1);
+  zelvarpack::SendSome(AsSocket(stopPipe_[1]), "x", 1);
   acceptor_.join();
   std::vector<std::thread> connections;
   {
@@ -169,9 +212,9 @@ ScriptedServer::~ScriptedServer() {
     connections.swap(connections_);
   }
   for (std::thread& connection : connections) connection.join();
-  ::close(listenFd_);
-  ::close(stopPipe_[0]);
-  ::close(stopPipe_[1]);
+  zelvarpack::CloseSocket(AsSocket(listenFd_));
+  zelvarpack::CloseSocket(AsSocket(stopPipe_[0]));
+  zelvarpack::CloseSocket(AsSocket(stopPipe_[1]));
 }
 
 void ScriptedServer::Reply(const std::string& target, const std::string& rawResponse) {
@@ -190,19 +233,19 @@ std::vector<std::string> ScriptedServer::Requests() const {
 
 void ScriptedServer::AcceptLoop() {
   while (WaitReadable(listenFd_, stopPipe_[0])) {
-    const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd < 0) continue;
+    const SocketHandle accepted = zelvarpack::AcceptSocket(AsSocket(listenFd_));
+    if (accepted == zelvarpack::kNoSocket) continue;
+    const auto fd = static_cast<std::intptr_t>(accepted);
     std::lock_guard<std::mutex> lock(mutex_);
     connections_.emplace_back([this, fd] { Serve(fd); });
   }
 }
 
-void ScriptedServer::Serve(int fd) {
+void ScriptedServer::Serve(std::intptr_t fd) {
   std::string head;
   char chunk[4096];
   while (head.find("\r\n\r\n") == std::string::npos && WaitReadable(fd, stopPipe_[0])) {
-    const ssize_t got = ::recv(fd, chunk, sizeof chunk, 0);
-    if (got < 0 && errno == EINTR) continue;
+    const std::int64_t got = zelvarpack::ReceiveSome(AsSocket(fd), chunk, sizeof chunk);
     if (got <= 0) break;
     head.append(chunk, static_cast<std::size_t>(got));
   }
@@ -224,6 +267,6 @@ void ScriptedServer::Serve(int fd) {
       connection.Send(ResponseHead("HTTP/1.1 404 Not Found", {"Content-Length: 0"}));
     }
   }
-  ::shutdown(fd, SHUT_WR);
-  ::close(fd);
+  zelvarpack::ShutdownSending(AsSocket(fd));
+  zelvarpack::CloseSocket(AsSocket(fd));
 }

@@ -3,15 +3,17 @@
 // process id, so tests in parallel processes never share a port.
 //
 // LoopbackNginx runs a real nginx on ADDRESS:80 and :443 with a certificate
-// authority made for the run (scripts/loopback-nginx.sh). ScriptedServer
+// authority made for the run (scripts/loopback-nginx.sh). In the Windows
+// build, under Wine, the nginx is the one the CTest fixture "nginx" started
+// on the build machine (its folder and address in the file named by
+// ZP_NGINX_STATE); the Windows process reaches it through WinHTTP. ScriptedServer
 // answers on ADDRESS:80 with exactly the bytes a test gives it, or runs a
 // test's handler on the connection, and keeps every request it received.
 #ifndef ZELVARPACK_TESTS_LOOPBACK_SERVERS_H_
 #define ZELVARPACK_TESTS_LOOPBACK_SERVERS_H_
 
-#include <sys/types.h>
-
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -40,12 +42,13 @@ class LoopbackNginx {
   std::string Url(const std::string& path, bool secure = false) const;
   // Writes a file that nginx serves under `path` (e.g. "/gz/a.css").
   void Serve(const std::string& path, const std::string& bytes) const;
-  std::string CertificateAuthorityFile() const { return dir_.File("ca.crt"); }
+  std::string CertificateAuthorityFile() const;
 
  private:
   TempDir dir_;
   std::string address_;
-  pid_t pid_ = -1;
+  std::string shared_;  // the fixture's nginx folder (Windows build), or ""
+  std::int64_t pid_ = -1;
 };
 
 class ScriptedServer {
@@ -53,15 +56,17 @@ class ScriptedServer {
   // One accepted connection, as a handler sees it.
   class Connection {
    public:
-    Connection(int fd, int stopFd) : fd_(fd), stopFd_(stopFd) {}
+    // Sockets are held as integers here (a POSIX descriptor or a Winsock
+    // SOCKET; core/socket_calls.h in the .cc).
+    Connection(std::intptr_t fd, std::intptr_t stopFd) : fd_(fd), stopFd_(stopFd) {}
     // False once the client has gone or the server is stopping.
     bool Send(const std::string& bytes);
     // Returns when the client closes the connection or the server stops.
     void WaitUntilClosed();
 
    private:
-    int fd_;
-    int stopFd_;
+    std::intptr_t fd_;
+    std::intptr_t stopFd_;
   };
   using Handler = std::function<void(Connection&)>;
 
@@ -84,11 +89,12 @@ class ScriptedServer {
 
  private:
   void AcceptLoop();
-  void Serve(int fd);
+  void Serve(std::intptr_t fd);
 
   std::string address_;
-  int listenFd_ = -1;
-  int stopPipe_[2] = {-1, -1};
+  std::intptr_t listenFd_ = -1;
+  // A connected socket pair: a byte written into [1] wakes every wait on [0].
+  std::intptr_t stopPipe_[2] = {-1, -1};
   mutable std::mutex mutex_;
   std::map<std::string, Handler> handlers_;  // guarded by mutex_
   std::vector<std::string> requests_;        // guarded by mutex_

@@ -9,6 +9,7 @@
 
 #include "store/file_store.h"
 #include "store/odbc_connection.h"
+#include "store/odbc_host.h"
 
 using zelvarpack::store::OdbcConnection;
 using zelvarpack::store::OdbcStatement;
@@ -28,12 +29,11 @@ class SqliteDatabase : public StoreDatabase {
 };
 
 std::string PostgresDriverPath() {
-  for (const char* path : {"/usr/lib/x86_64-linux-gnu/odbc/psqlodbcw.so",
-                           "/usr/lib/aarch64-linux-gnu/odbc/psqlodbcw.so",
-                           "/usr/lib64/psqlodbcw.so", "/usr/lib/odbc/psqlodbcw.so"}) {
-    if (::access(path, R_OK) == 0) return path;
-  }
-  return "";
+  return zelvarpack::store::FindOdbcDriver(
+      {"/usr/lib/x86_64-linux-gnu/odbc/psqlodbcw.so",
+       "/usr/lib/aarch64-linux-gnu/odbc/psqlodbcw.so", "/usr/lib64/psqlodbcw.so",
+       "/usr/lib/odbc/psqlodbcw.so"},
+      "PostgreSQL Unicode");
 }
 
 // A database of its own on the loopback server: zp_<pid>_<n>.

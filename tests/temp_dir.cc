@@ -3,9 +3,32 @@
 
 #include <stdlib.h>
 
+#include <cstdio>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <stdexcept>
+
+#if defined(_WIN32)
+
+// No mkdtemp in the Windows C runtime: a random name, created exclusively
+// (creation fails when the folder exists), tried until one is new.
+TempDir::TempDir() {
+  const std::filesystem::path base = std::filesystem::temp_directory_path();
+  std::random_device random;
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    char name[40];
+    std::snprintf(name, sizeof name, "zelvarpack-test-%08x%08x", random(), random());
+    std::error_code error;
+    if (std::filesystem::create_directory(base / name, error) && !error) {
+      path_ = base / name;
+      return;
+    }
+  }
+  throw std::runtime_error("cannot create a temporary folder");
+}
+
+#else
 
 TempDir::TempDir() {
   std::string pattern =
@@ -13,6 +36,8 @@ TempDir::TempDir() {
   if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
   path_ = pattern;
 }
+
+#endif
 
 TempDir::~TempDir() {
   std::error_code ignored;
