@@ -128,25 +128,6 @@ TEST_F(WinHttpClient, ErrorStatusesArriveWithTheirBodies) {
   EXPECT_EQ(Body(response), "nope");
 }
 
-TEST_F(WinHttpClient, GivesUpOnAServerThatGoesQuiet) {
-  // Headers, half the body, then nothing: the receive limit ends the call.
-  server_.Handle("/stall", [](ScriptedServer::Connection& connection) {
-    connection.Send(ResponseHead("HTTP/1.1 200 OK", {"Content-Length: 10"}) + "12345");
-    connection.WaitUntilClosed();
-  });
-  server_.Handle("/silent",
-                 [](ScriptedServer::Connection& connection) { connection.WaitUntilClosed(); });
-  HttpRequest request = Request("/stall");
-  request.timeoutSeconds = 1;
-  HttpResponse response = HttpGet(request);
-  EXPECT_EQ(response.outcome, HttpResponse::Outcome::kBodyFailed);
-  EXPECT_EQ(response.body->GetValueLength(), 0);
-  request.path = "/silent";
-  response = HttpGet(request);
-  EXPECT_EQ(response.outcome, HttpResponse::Outcome::kNoResponse);
-  EXPECT_TRUE(response.headerLines.empty());
-}
-
 TEST_F(WinHttpClient, NothingListeningGivesNoResponse) {
   HttpRequest request = Request("/x");
   request.host = LoopbackAddress(2);  // no server there
