@@ -62,7 +62,7 @@ TEST(SocketCalls, PollTellsTheReadySocketApart) {
   }
 }
 
-TEST(SocketCalls, ListenerOnAnOwnLoopbackAddressAcceptsAndTimesOut) {
+TEST(SocketCalls, ListenerAcceptsAndTheServedSideSeesTheClientClose) {
   const SocketHandle listener = zelvarpack::OpenStreamSocket();
   ASSERT_NE(listener, zelvarpack::kNoSocket);
   zelvarpack::AllowAddressReuse(listener);
@@ -78,15 +78,28 @@ TEST(SocketCalls, ListenerOnAnOwnLoopbackAddressAcceptsAndTimesOut) {
   ASSERT_TRUE(zelvarpack::ConnectSocket(client, where));
   const SocketHandle served = zelvarpack::AcceptSocket(listener);
   ASSERT_NE(served, zelvarpack::kNoSocket);
-  // A receive with nothing coming ends at the time-out with an error, not
-  // with end of stream.
-  zelvarpack::SetSocketTimeouts(served, 1, 1);
-  char byte;
-  EXPECT_LT(zelvarpack::ReceiveSome(served, &byte, 1), 0);
+  ASSERT_EQ(zelvarpack::SendSome(client, "hi", 2), 2);
   zelvarpack::CloseSocket(client);
+  char two[2];
+  ASSERT_EQ(zelvarpack::ReceiveSome(served, two, 2), 2);
+  EXPECT_EQ(std::string(two, 2), "hi");
+  char byte;
   EXPECT_EQ(zelvarpack::ReceiveSome(served, &byte, 1), 0) << "the client closed";
   zelvarpack::CloseSocket(served);
   zelvarpack::CloseSocket(listener);
+}
+
+// Not under Wine 8, which ignores SO_RCVTIMEO: the receive would wait for
+// ever (cmake/windows_tests.cmake leaves it out there).
+TEST(SocketCalls, ReceiveEndsAtTheTimeOutWithAnError) {
+  SocketHandle pair[2];
+  ASSERT_TRUE(zelvarpack::MakeSocketPair(pair));
+  zelvarpack::SetSocketTimeouts(pair[1], 1, 1);
+  char byte;
+  // Nothing is coming: an error at the time-out, not end of stream.
+  EXPECT_LT(zelvarpack::ReceiveSome(pair[1], &byte, 1), 0);
+  zelvarpack::CloseSocket(pair[0]);
+  zelvarpack::CloseSocket(pair[1]);
 }
 
 }  // namespace

@@ -243,6 +243,14 @@ bool DecodeWith(ImageFormat format, const std::uint8_t* bytes, std::size_t count
       to[3] = row[3];
     }
   }
+  if (format == ImageFormat::kGif) {
+    // A GIF's transparent index has no colour of its own: it decodes as
+    // 0, 0, 0, 0, as the Linux decoder gives it, rather than as the
+    // palette entry GDI+ leaves in place.
+    for (std::size_t i = 0; i < decoded.pixels.size(); i += 4) {
+      if (decoded.pixels[i + 3] == 0) std::memset(&decoded.pixels[i], 0, 3);
+    }
+  }
   flat::GdipBitmapUnlockBits(AsBitmap(image), &data);
   out = std::move(decoded);
   return true;

@@ -61,6 +61,24 @@ TEST(ImageCodec, DecodesGifPngAndJpegMadeByTheLibraries) {
   EXPECT_LT(error / out.pixels.size(), 4.0);
 }
 
+// Apache's icons give their transparent index a colour (light cyan); it
+// must not leak into the pixels, or sheets would differ between platforms.
+TEST(ImageCodec, TransparentGifPixelsHaveNoColour) {
+  for (const char* name : {"a.gif", "folder.gif", "back.gif"}) {
+    SCOPED_TRACE(name);
+    RgbaImage out;
+    ASSERT_TRUE(Decode(ReadIcon(name), out));
+    std::size_t transparent = 0;
+    for (std::size_t i = 0; i < out.pixels.size(); i += 4) {
+      if (out.pixels[i + 3] == 255) continue;
+      EXPECT_EQ(out.pixels[i + 3], 0);
+      EXPECT_EQ(out.pixels[i] | out.pixels[i + 1] | out.pixels[i + 2], 0) << i;
+      ++transparent;
+    }
+    EXPECT_GT(transparent, 0u);
+  }
+}
+
 TEST(ImageCodec, PngEncodingIsLosslessInEachLayout) {
   RgbaImage many = Photo(20, 20, 2);  // more than 256 colours, opaque
   RgbaImage translucent = many;

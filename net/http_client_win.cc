@@ -19,6 +19,7 @@
 #include <fstream>
 #include <iterator>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -273,6 +274,10 @@ HttpResponse HttpGet(const HttpRequest& request) {
     return response;
   }
 
+  // Host first, as the Linux client sends it (WinHTTP would add its own last).
+  const std::wstring hostLine = L"Host: " + Widen(request.host);
+  WinHttpAddRequestHeaders(h, hostLine.c_str(), static_cast<DWORD>(hostLine.size()),
+                           WINHTTP_ADDREQ_FLAG_ADD | WINHTTP_ADDREQ_FLAG_REPLACE);
   for (const std::string& line : request.headers) {
     if (HasLineBreakOrNul(line) || line.find(':') == std::string::npos) continue;
     const std::wstring wide = Widen(line);
@@ -299,6 +304,25 @@ HttpResponse HttpGet(const HttpRequest& request) {
   response.status = static_cast<int>(status);
   response.outcome = HttpResponse::Outcome::kBodyFailed;
 
+  // A declared length over the bound fails at once; a body that ends short
+  // of its declared length (the server closed early) fails after reading.
+  std::optional<std::uint64_t> declared;
+  if (status != 204 && status != 304 && status >= 200) {
+    wchar_t text[32] = {};
+    DWORD textSize = sizeof(text);
+    if (WinHttpQueryHeaders(h, WINHTTP_QUERY_CONTENT_LENGTH, WINHTTP_HEADER_NAME_BY_INDEX, text,
+                            &textSize, WINHTTP_NO_HEADER_INDEX)) {
+      std::uint64_t value = 0;
+      bool digits = text[0] != L'\0';
+      for (const wchar_t* c = text; *c != L'\0' && digits; ++c) {
+        digits = *c >= L'0' && *c <= L'9' && value < (std::uint64_t{1} << 60);
+        value = value * 10 + static_cast<std::uint64_t>(*c - L'0');
+      }
+      if (digits) declared = value;
+    }
+  }
+  if (declared && *declared > request.maxBodyBytes) return response;
+
   CZelvarBuffer& body = *response.body;
   std::string piece;
   for (;;) {
@@ -321,6 +345,10 @@ HttpResponse HttpGet(const HttpRequest& request) {
     }
     body.Append(reinterpret_cast<const unsigned char*>(piece.data()),
                 static_cast<std::int32_t>(read));
+  }
+  if (declared && static_cast<std::uint64_t>(body.GetValueLength()) != *declared) {
+    response.body = std::make_unique<CZelvarBuffer>();
+    return response;
   }
   response.outcome = HttpResponse::Outcome::kComplete;
   return response;

@@ -26,6 +26,15 @@ std::unique_ptr<CZelvarBuffer> Compress(const unsigned char* bytes, std::size_t 
                    Z_DEFAULT_STRATEGY) != Z_OK) {
     return out;
   }
+  // The gzip header names Unix as the system on every platform (zlib would
+  // write its build's own code), so that stored twins are the same bytes
+  // wherever they were made. Read by deflate until the header is out.
+  gz_header header{};
+  header.os = 3;
+  if (format == ZlibFormat::kGzip && deflateSetHeader(&stream, &header) != Z_OK) {
+    deflateEnd(&stream);
+    return out;
+  }
   unsigned char area[kPiece];
   std::size_t offset = 0;
   int flush;
