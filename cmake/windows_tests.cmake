@@ -43,25 +43,29 @@ function(zp_add_windows_tests)
   # processes), the prefix made on first use.
   add_test(NAME wine.start COMMAND ${CMAKE_SOURCE_DIR}/scripts/wine-server.sh start ${prefix})
   add_test(NAME wine.stop COMMAND ${CMAKE_SOURCE_DIR}/scripts/wine-server.sh stop ${prefix})
-  set_tests_properties(wine.start PROPERTIES FIXTURES_SETUP wine LABELS windows TIMEOUT 300)
-  set_tests_properties(wine.stop PROPERTIES FIXTURES_CLEANUP wine LABELS windows)
+  # gtest_discover_tests passes no list-valued property through, so each
+  # test requires one fixture name: wine_nginx or wine_postgres.
+  set_tests_properties(wine.start PROPERTIES FIXTURES_SETUP "wine_nginx;wine_postgres"
+                                             LABELS windows TIMEOUT 300)
+  set_tests_properties(wine.stop PROPERTIES FIXTURES_CLEANUP "wine_nginx;wine_postgres"
+                                            LABELS windows)
   # The real nginx runs on the build machine; the tests reach it over
   # loopback through WinHTTP.
   add_test(NAME nginx.start COMMAND ${CMAKE_SOURCE_DIR}/scripts/loopback-nginx-fixture.sh start
                                     ${nginx_state})
   add_test(NAME nginx.stop COMMAND ${CMAKE_SOURCE_DIR}/scripts/loopback-nginx-fixture.sh stop
                                    ${nginx_state})
-  set_tests_properties(nginx.start PROPERTIES FIXTURES_SETUP nginx LABELS windows)
-  set_tests_properties(nginx.stop PROPERTIES FIXTURES_CLEANUP nginx LABELS windows)
+  set_tests_properties(nginx.start PROPERTIES FIXTURES_SETUP wine_nginx LABELS windows)
+  set_tests_properties(nginx.stop PROPERTIES FIXTURES_CLEANUP wine_nginx LABELS windows)
   add_test(NAME postgres.start COMMAND ${CMAKE_SOURCE_DIR}/scripts/loopback-postgres.sh start
                                        ${CMAKE_BINARY_DIR}/loopback-postgres.state)
   add_test(NAME postgres.stop COMMAND ${CMAKE_SOURCE_DIR}/scripts/loopback-postgres.sh stop
                                       ${CMAKE_BINARY_DIR}/loopback-postgres.state)
-  set_tests_properties(postgres.start PROPERTIES FIXTURES_SETUP postgres LABELS windows)
-  set_tests_properties(postgres.stop PROPERTIES FIXTURES_CLEANUP postgres LABELS windows)
+  set_tests_properties(postgres.start PROPERTIES FIXTURES_SETUP wine_postgres LABELS windows)
+  set_tests_properties(postgres.stop PROPERTIES FIXTURES_CLEANUP wine_postgres LABELS windows)
 
-  # The prefix must exist before the test program is listed (PRE_TEST).
-  set(environment "WINEPREFIX=${prefix}" "ZP_NGINX_STATE=${nginx_state}")
+  # scripts/wine-run.sh finds the prefix beside the program.
+  set(environment "ZP_NGINX_STATE=${nginx_state}")
   string(JOIN ":" excluded ${ZP_WINE_EXCLUDED_TESTS})
   set(filter "-*Postgres*")
   if(excluded)
@@ -69,11 +73,11 @@ function(zp_add_windows_tests)
   endif()
   gtest_discover_tests(zelvarpack_tests DISCOVERY_TIMEOUT 120 DISCOVERY_MODE PRE_TEST
                        TEST_FILTER "${filter}"
-                       PROPERTIES LABELS windows FIXTURES_REQUIRED "wine;nginx"
+                       PROPERTIES LABELS windows FIXTURES_REQUIRED wine_nginx
                                   ENVIRONMENT "${environment}" TIMEOUT 300)
   gtest_discover_tests(zelvarpack_tests DISCOVERY_TIMEOUT 120 DISCOVERY_MODE PRE_TEST
                        TEST_FILTER "*Postgres*"
-                       PROPERTIES LABELS windows FIXTURES_REQUIRED "wine;postgres"
+                       PROPERTIES LABELS windows FIXTURES_REQUIRED wine_postgres
                                   ENVIRONMENT "${environment}" TIMEOUT 300)
 
   # The DLL's imports and exports, read with objdump on the build machine.

@@ -13,8 +13,14 @@ here=$(dirname "$0")
 case "$action" in
   start)
     "$here/setup-wine.sh" "$WINEPREFIX"
-    # -p: stay up with no client attached, until "stop".
-    wineserver -p </dev/null >/dev/null 2>&1
+    # -p: stay up with no client attached, until "stop". A server still up
+    # (from listing the tests, or a run that was interrupted) refuses a
+    # second one: end it first.
+    if ! wineserver -p </dev/null >/dev/null 2>&1; then
+      wineserver -k 2>/dev/null || true
+      wineserver -w 2>/dev/null || true
+      wineserver -p </dev/null >/dev/null 2>&1
+    fi
     ;;
   stop)
     # -k ends the server and every Wine process left in the prefix; -w waits
