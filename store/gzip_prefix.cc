@@ -123,6 +123,19 @@ std::unique_ptr<GzipPrefix> GzipPrefix::Start() {
                    Z_DEFAULT_STRATEGY) != Z_OK) {
     return nullptr;
   }
+  // Unix as the header's system on every platform, as the gzip helper
+  // writes it, so that stored data is the same bytes wherever it was made.
+  // deflate keeps only a pointer to the header (copies share it), hence one
+  // unchanging header for the process.
+  static gz_header unixHeader = [] {
+    gz_header header{};
+    header.os = 3;
+    return header;
+  }();
+  if (deflateSetHeader(&prefix->stream_->z, &unixHeader) != Z_OK) {
+    deflateEnd(&prefix->stream_->z);
+    return nullptr;
+  }
   prefix->stream_->live = true;
   return prefix;
 }

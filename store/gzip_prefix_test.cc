@@ -24,6 +24,9 @@ using Bytes = std::vector<unsigned char>;
 Bytes Whole(const Bytes& bytes) {
   z_stream z{};
   EXPECT_EQ(deflateInit2(&z, 9, Z_DEFLATED, 31, 9, Z_DEFAULT_STRATEGY), Z_OK);
+  gz_header unix{};  // the system byte says Unix on every platform
+  unix.os = 3;
+  EXPECT_EQ(deflateSetHeader(&z, &unix), Z_OK);
   Bytes out;
   unsigned char area[16384];
   std::size_t at = 0;
