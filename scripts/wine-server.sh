@@ -21,6 +21,10 @@ case "$action" in
       wineserver -w 2>/dev/null || true
       wineserver -p </dev/null >/dev/null 2>&1
     fi
+    # The first program of a fresh server starts Wine's own services, which
+    # keep the standard streams they inherit open: let a throw-away program
+    # start them with /dev/null, not the first test with CTest's pipe.
+    wine cmd /c exit </dev/null >/dev/null 2>&1 || true
     ;;
   stop)
     # -k ends the server and every Wine process left in the prefix; -w waits
