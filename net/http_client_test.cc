@@ -124,4 +124,13 @@ TEST_F(HttpClient, EachThreadKeepsItsOwnHandle) {
   }
 }
 
+// A server that sends more than it declared: the body is what it declared,
+// on every platform alike (the rest is not the resource's).
+TEST_F(HttpClient, BytesPastTheDeclaredLengthAreNotPartOfTheBody) {
+  server_.Reply("/over", ResponseHead("HTTP/1.1 200 OK", {"Content-Length: 5"}) + "fivebytes");
+  const HttpResponse response = HttpGet(Request("/over"));
+  EXPECT_EQ(response.outcome, HttpResponse::Outcome::kComplete);
+  EXPECT_EQ(Body(response), "fiveb");
+}
+
 }  // namespace

@@ -15,6 +15,7 @@
 #include <wincrypt.h>
 #include <winhttp.h>
 
+#include <algorithm>
 #include <atomic>
 #include <fstream>
 #include <iterator>
@@ -343,10 +344,15 @@ HttpResponse HttpGet(const HttpRequest& request) {
       response.body = std::make_unique<CZelvarBuffer>();
       return response;
     }
+    // Bytes past the declared length are not part of the body (the Linux
+    // client stops there too); Wine's WinHTTP hands them on until close.
+    std::size_t take = read;
+    if (declared) take = static_cast<std::size_t>(std::min<std::uint64_t>(take, *declared - held));
     body.Append(reinterpret_cast<const unsigned char*>(piece.data()),
-                static_cast<std::int32_t>(read));
+                static_cast<std::int32_t>(take));
+    if (declared && static_cast<std::uint64_t>(body.GetValueLength()) == *declared) break;
   }
-  if (declared && static_cast<std::uint64_t>(body.GetValueLength()) != *declared) {
+  if (declared && static_cast<std::uint64_t>(body.GetValueLength()) < *declared) {
     response.body = std::make_unique<CZelvarBuffer>();
     return response;
   }

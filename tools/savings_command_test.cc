@@ -12,7 +12,7 @@ namespace {
 TEST(SavingsCommand, SavesThePageAndPrintsTheFourTotals) {
   ScriptedServer server(LoopbackAddress(1));
   server.Reply("/site/j.js", ResponseHead("HTTP/1.1 200 OK", {"Content-Length: 3"}) + "x=1");
-  server.Reply("/site/page.html", ResponseHead("HTTP/1.1 200 OK", {"Content-Length: 25"}) +
+  server.Reply("/site/page.html", ResponseHead("HTTP/1.1 200 OK", {"Content-Length: 26"}) +
                                       "<script src=j.js></script>");
   TempDir dir;
   const ToolRun run = RunTool("savings --url " + server.Url("/site/page.html") + " --dir " +
