@@ -17,11 +17,13 @@ set(ZP_POSIX_ONLY_SOURCES
     store/odbc_host.cc
     # HTTP through libcurl.
     net/http_client.cc
-    # Images through libpng, libjpeg and giflib (sniffing and drawing,
-    # image/codec_draw.cc, are shared: sheets get the same pixels).
+    # Images through libpng, libjpeg and giflib (sniffing, image/codec_draw.cc,
+    # is shared).
     image/codec_png.cc
     image/codec_jpeg.cc
-    image/codec_gif.cc)
+    image/codec_gif.cc
+    # Drawing into sheets (GDI+ draws them on Windows).
+    image/codec_draw_scaled.cc)
 
 set(ZP_WINDOWS_SOURCES
     core/file_lock_win.cc

@@ -38,7 +38,12 @@ set(ZP_WINE_EXCLUDED_TESTS
     # Wine's GDI+ ignores the JPEG quality parameter (every quality gives its
     # default), so the quality search cannot be seen; the Linux build's tests
     # prove it, and the Wine tests compare JPEG sheets by geometry and PSNR.
-    ImageServer.JpegSheetsTakeTheFirstQualityThatBeatsTheirSources)
+    ImageServer.JpegSheetsTakeTheFirstQualityThatBeatsTheirSources
+    # Compares a JPEG sheet drawn band by band with a whole 32-bit canvas
+    # encoded after; on Windows GDI+ draws JPEG sheets whole into a 24-bit
+    # bitmap (nothing is banded), where transparent pixels keep their colour,
+    # while a 32-bit canvas drawn by GDI+ holds them premultiplied, black.
+    ImageCodec.JpegSheetDrawnInBandsEqualsTheWholeCanvas)
 
 function(zp_add_windows_tests)
   # The cross-built suite is compiled lighter than the library (no debug
@@ -87,6 +92,17 @@ function(zp_add_windows_tests)
                        TEST_FILTER "*Postgres*"
                        PROPERTIES LABELS windows FIXTURES_REQUIRED wine_postgres
                                   ENVIRONMENT "${environment}" TIMEOUT 300)
+
+  # Parity with the Linux tool (tests/windows/parity.sh) when a Linux build's
+  # zelvarpack is named: scripts/test-windows.sh names the default build's.
+  # The longest test (about three minutes): started first.
+  set(ZP_LINUX_TOOL "" CACHE FILEPATH "The Linux zelvarpack the parity test compares with")
+  if(ZP_LINUX_TOOL)
+    add_test(NAME windows.parity COMMAND ${CMAKE_SOURCE_DIR}/tests/windows/parity.sh
+                                         ${ZP_LINUX_TOOL} $<TARGET_FILE:zelvarpack>)
+    set_tests_properties(windows.parity PROPERTIES LABELS windows FIXTURES_REQUIRED wine_nginx
+                                                   TIMEOUT 1200 COST 1000)
+  endif()
 
   # The DLL's imports and exports, read with objdump on the build machine.
   if(Python3_Interpreter_FOUND AND ZP_MINGW_OBJDUMP AND ZP_MINGW_CXXFILT)

@@ -3,14 +3,14 @@
 // Decoding writes the file's bytes into an in-memory stream
 // (CreateStreamOnHGlobal) and lets GDI+ read it (GdipCreateBitmapFromStream),
 // after the header's declared size has passed the limits, so GDI+ never
-// allocates for a size the Linux codec would refuse. Encoding hands a bitmap
+// allocates for a size the Linux codec would refuse. Sheets are drawn by
+// GDI+ with source-copy compositing and mirrored edges. Encoding hands a bitmap
 // to the encoder that GDI+ lists for the MIME type ("image/png",
 // "image/jpeg"), the JPEG one with the quality parameter. GDI+ is started
 // once per process, on first use, and left running: shutting it down while
 // another thread of the host may still use it is not safe, and a process's
-// end releases it anyway. Sniffing, dispatch and drawing are the shared
-// library-free code, so that a sheet holds the same pixels on every
-// platform.
+// end releases it anyway. Sniffing and dispatch are the shared library-free
+// code.
 #include <windows.h>
 // windows.h first: the headers below need its types.
 #include <objbase.h>
@@ -302,6 +302,62 @@ bool Save(const Image& image, const wchar_t* mime, const gp::EncoderParameters* 
   return StreamBytes(stream.get(), out) && !out.empty();
 }
 
+struct GraphicsDeleter {
+  void operator()(gp::GpGraphics* graphics) const {
+    if (graphics != nullptr) flat::GdipDeleteGraphics(graphics);
+  }
+};
+using Graphics = std::unique_ptr<gp::GpGraphics, GraphicsDeleter>;
+
+struct AttributesDisposer {
+  void operator()(gp::GpImageAttributes* attributes) const {
+    if (attributes != nullptr) flat::GdipDisposeImageAttributes(attributes);
+  }
+};
+using Attributes = std::unique_ptr<gp::GpImageAttributes, AttributesDisposer>;
+
+// A graphics over `bitmap` that replaces what it draws on, alpha included,
+// and scales with GDI+'s low-quality (two-tap) filter without shifting
+// pixel centres or smoothing edges.
+Graphics SheetGraphics(const Image& bitmap) {
+  gp::GpGraphics* raw = nullptr;
+  if (flat::GdipGetImageGraphicsContext(bitmap.get(), &raw) != gp::Ok) return nullptr;
+  Graphics graphics(raw);
+  const bool set =
+      flat::GdipSetCompositingMode(raw, gp::CompositingModeSourceCopy) == gp::Ok &&
+      flat::GdipSetCompositingQuality(raw, gp::CompositingQualityHighSpeed) == gp::Ok &&
+      flat::GdipSetInterpolationMode(raw, gp::InterpolationModeLowQuality) == gp::Ok &&
+      flat::GdipSetPixelOffsetMode(raw, gp::PixelOffsetModeNone) == gp::Ok &&
+      flat::GdipSetSmoothingMode(raw, gp::SmoothingModeNone) == gp::Ok &&
+      flat::GdipSetTextRenderingHint(raw, gp::TextRenderingHintSingleBitPerPixel) == gp::Ok;
+  return set ? std::move(graphics) : nullptr;
+}
+
+// Attributes that mirror the source past its edges (tile-flip in both
+// directions), so a scaled image's border pixels blend only with its own
+// pixels, never with the colour around it.
+Attributes MirroredEdges() {
+  gp::GpImageAttributes* raw = nullptr;
+  if (flat::GdipCreateImageAttributes(&raw) != gp::Ok) return nullptr;
+  Attributes attributes(raw);
+  if (flat::GdipSetImageAttributesWrapMode(raw, gp::WrapModeTileFlipXY, 0xFF000000, FALSE) !=
+      gp::Ok) {
+    return nullptr;
+  }
+  return attributes;
+}
+
+bool SaveJpeg(const Image& image, int quality, std::string& out) {
+  gp::EncoderParameters parameters{};
+  ULONG value = static_cast<ULONG>(std::clamp(quality, 0, 100));
+  parameters.Count = 1;
+  parameters.Parameter[0].Guid = kEncoderQuality;
+  parameters.Parameter[0].NumberOfValues = 1;
+  parameters.Parameter[0].Type = gp::EncoderParameterValueTypeLong;
+  parameters.Parameter[0].Value = &value;
+  return Save(image, L"image/jpeg", &parameters, out);
+}
+
 bool IsOpaque(const RgbaImage& image) {
   for (std::size_t i = 3; i < image.pixels.size(); i += 4) {
     if (image.pixels[i] != 0xFF) return false;
@@ -326,6 +382,66 @@ bool DecodePng(const std::uint8_t* bytes, std::size_t count, const DecodeLimits&
   return DecodeWith(ImageFormat::kPng, bytes, count, limits, out);
 }
 
+// GDI+ draws `source` into a bitmap the size of the rectangle's visible
+// part, which is then copied into the sheet: the sheet stays in the shared
+// RGBA layout (and only the rectangle is converted), while every pixel of
+// it comes from GDI+'s drawing.
+void DrawScaled(RgbaImage& sheet, const RgbaImage& source, std::int32_t x, std::int32_t y,
+                std::int32_t width, std::int32_t height) {
+  if (source.width <= 0 || source.height <= 0 || width <= 0 || height <= 0) return;
+  // The part of the rectangle inside the sheet, in rectangle coordinates.
+  const std::int64_t left = std::max<std::int64_t>(0, -static_cast<std::int64_t>(x));
+  const std::int64_t top = std::max<std::int64_t>(0, -static_cast<std::int64_t>(y));
+  const std::int64_t right =
+      std::min<std::int64_t>(width, static_cast<std::int64_t>(sheet.width) - x);
+  const std::int64_t bottom =
+      std::min<std::int64_t>(height, static_cast<std::int64_t>(sheet.height) - y);
+  if (left >= right || top >= bottom) return;
+  const auto columns = static_cast<std::int32_t>(right - left);
+  const auto rows = static_cast<std::int32_t>(bottom - top);
+
+  const Image image = BitmapOf(source, true);
+  gp::GpBitmap* raw = nullptr;
+  if (!image ||
+      flat::GdipCreateBitmapFromScan0(columns, rows, 0, PixelFormat32bppARGB, nullptr, &raw) !=
+          gp::Ok ||
+      raw == nullptr) {
+    return;
+  }
+  const Image target(raw);
+  {
+    const Graphics graphics = SheetGraphics(target);
+    const Attributes attributes = MirroredEdges();
+    if (!graphics || !attributes ||
+        flat::GdipDrawImageRectRectI(graphics.get(), image.get(), static_cast<INT>(-left),
+                                     static_cast<INT>(-top), width, height, 0, 0, source.width,
+                                     source.height, gp::UnitPixel, attributes.get(), nullptr,
+                                     nullptr) != gp::Ok) {
+      return;
+    }
+    flat::GdipFlush(graphics.get(), gp::FlushIntentionSync);
+  }
+  const gp::GpRect all(0, 0, columns, rows);
+  gp::BitmapData data{};
+  if (flat::GdipBitmapLockBits(AsBitmap(target), &all, gp::ImageLockModeRead, PixelFormat32bppARGB,
+                               &data) != gp::Ok) {
+    return;
+  }
+  for (std::int32_t row = 0; row < rows; ++row) {
+    const auto* from = static_cast<const std::uint8_t*>(data.Scan0) +
+                       static_cast<std::ptrdiff_t>(row) * data.Stride;
+    std::uint8_t* to =
+        sheet.At(static_cast<std::int32_t>(x + left), static_cast<std::int32_t>(y + top + row));
+    for (std::int32_t column = 0; column < columns; ++column, from += 4, to += 4) {
+      to[0] = from[2];
+      to[1] = from[1];
+      to[2] = from[0];
+      to[3] = from[3];
+    }
+  }
+  flat::GdipBitmapUnlockBits(AsBitmap(target), &data);
+}
+
 bool EncodePng(const RgbaImage& image, std::string& out) {
   out.clear();
   // An opaque image goes to the encoder as RGB: no alpha channel to store.
@@ -339,26 +455,43 @@ bool EncodePngFiltered(const RgbaImage& image, int, std::string& out) {
 
 bool EncodeJpeg(const RgbaImage& image, int quality, std::string& out) {
   out.clear();
-  gp::EncoderParameters parameters{};
-  ULONG value = static_cast<ULONG>(std::clamp(quality, 0, 100));
-  parameters.Count = 1;
-  parameters.Parameter[0].Guid = kEncoderQuality;
-  parameters.Parameter[0].NumberOfValues = 1;
-  parameters.Parameter[0].Type = gp::EncoderParameterValueTypeLong;
-  parameters.Parameter[0].Value = &value;
-  return Save(BitmapOf(image, false), L"image/jpeg", &parameters, out);
+  return SaveJpeg(BitmapOf(image, false), quality, out);
 }
 
+// The sheet is one 24-bit GDI+ bitmap, cleared to white, each image drawn
+// into it from its colour channels alone: a JPEG has no alpha, and a
+// transparent pixel shows the colour it was stored with, as on Linux, not
+// the black that drawing it premultiplied would leave.
 bool EncodeJpegSheet(std::int32_t width, std::int32_t height,
                      const std::vector<Placement>& placements, int quality, std::string& out) {
   out.clear();
-  if (width <= 0 || height <= 0) return false;
-  RgbaImage canvas = NewCanvas(width, height, 255, 255, 255, 255);
-  if (canvas.pixels.empty()) return false;
-  for (const Placement& p : placements) {
-    if (p.source != nullptr) DrawScaled(canvas, *p.source, p.x, p.y, p.width, p.height);
+  if (width <= 0 || height <= 0 || !GdiplusRunning()) return false;
+  gp::GpBitmap* raw = nullptr;
+  if (flat::GdipCreateBitmapFromScan0(width, height, 0, PixelFormat24bppRGB, nullptr, &raw) !=
+          gp::Ok ||
+      raw == nullptr) {
+    return false;
   }
-  return EncodeJpeg(canvas, quality, out);
+  const Image sheet(raw);
+  {
+    const Graphics graphics = SheetGraphics(sheet);
+    const Attributes attributes = MirroredEdges();
+    if (!graphics || !attributes || flat::GdipGraphicsClear(graphics.get(), 0xFFFFFFFF) != gp::Ok) {
+      return false;
+    }
+    for (const Placement& p : placements) {
+      if (p.source == nullptr || p.width <= 0 || p.height <= 0) continue;
+      const Image colours = BitmapOf(*p.source, false);
+      if (!colours ||
+          flat::GdipDrawImageRectRectI(graphics.get(), colours.get(), p.x, p.y, p.width, p.height,
+                                       0, 0, p.source->width, p.source->height, gp::UnitPixel,
+                                       attributes.get(), nullptr, nullptr) != gp::Ok) {
+        return false;
+      }
+    }
+    flat::GdipFlush(graphics.get(), gp::FlushIntentionSync);
+  }
+  return SaveJpeg(sheet, quality, out);
 }
 
 // GDI+ encodes whole bitmaps only: the rows are gathered and encoded when

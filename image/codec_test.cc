@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "tests/codec_samples.h"
 
@@ -129,6 +130,40 @@ TEST(ImageCodec, RefusesOversizedImagesFromTheirHeaders) {
   EXPECT_FALSE(Decode(MakePng(Solid(4097, 1, 0xFF)), out));
 }
 
+// At its own size an image is copied: every pixel, alpha included, clipped
+// at the sheet's edges. (A fully transparent pixel has no colour to keep:
+// GDI+ draws premultiplied.)
+TEST(ImageCodec, UnscaledDrawingCopiesEveryPixel) {
+  RgbaImage source = Photo(17, 11, 3);
+  for (std::size_t i = 3; i < source.pixels.size(); i += 4) {
+    source.pixels[i] = static_cast<std::uint8_t>(i / 4 % 5 == 0 ? 0 : i * 7);
+  }
+  const std::uint32_t background = 0x10203040;
+  RgbaImage sheet = Solid(40, 30, background);
+  const std::pair<std::int32_t, std::int32_t> corners[] = {{5, 5}, {-3, 25}, {30, -4}};
+  for (const auto& [x, y] : corners) DrawScaled(sheet, source, x, y, 17, 11);
+  for (std::int32_t y = 0; y < 30; ++y) {
+    for (std::int32_t x = 0; x < 40; ++x) {
+      const std::uint8_t* expected = nullptr;
+      for (const auto& [left, top] : corners) {
+        if (x >= left && x < left + 17 && y >= top && y < top + 11) {
+          expected = source.At(x - left, y - top);
+        }
+      }
+      const std::uint8_t* p = sheet.At(x, y);
+      const std::uint32_t got =
+          static_cast<std::uint32_t>(p[0] << 24 | p[1] << 16 | p[2] << 8 | p[3]);
+      if (expected == nullptr) {
+        EXPECT_EQ(got, background) << x << "," << y;
+      } else if (expected[3] == 0) {
+        EXPECT_EQ(p[3], 0) << x << "," << y;
+      } else {
+        EXPECT_EQ(std::memcmp(p, expected, 4), 0) << x << "," << y;
+      }
+    }
+  }
+}
+
 TEST(ImageCodec, ScaledDrawingStaysInsideItsRectangle) {
   RgbaImage sheet = Solid(12, 4, 0xFFFFFF00);
   const RgbaImage red = Solid(2, 2, 0xFF0000FF);
@@ -156,6 +191,22 @@ TEST(ImageCodec, ScaledDrawingStaysInsideItsRectangle) {
   EXPECT_EQ(std::memcmp(wide.At(0, 0), "\xFF\x00\x00\xFF", 4), 0);
   EXPECT_EQ(std::memcmp(wide.At(7, 0), "\x00\x00\xFF\xFF", 4), 0);
   EXPECT_GT(wide.At(4, 0)[2], 0);  // blended in between
+}
+
+// A JPEG has no alpha: a transparent pixel drawn into a JPEG sheet shows
+// the colour it was stored with, never a black hole.
+TEST(ImageCodec, JpegSheetsShowTheStoredColourOfTransparentPixels) {
+  const RgbaImage clear = Solid(16, 16, 0x2080C000);
+  std::string jpeg;
+  ASSERT_TRUE(EncodeJpegSheet(32, 16, {{&clear, 0, 0, 16, 16}}, 95, jpeg));
+  RgbaImage sheet;
+  ASSERT_TRUE(Decode(jpeg, sheet));
+  for (const auto& [x, expected] : {std::pair{4, 0x2080C0u}, std::pair{27, 0xFFFFFFu}}) {
+    const std::uint8_t* p = sheet.At(x, 8);
+    for (int c = 0; c < 3; ++c) {
+      EXPECT_NEAR(p[c], (expected >> (16 - 8 * c)) & 0xFF, 6) << x << " channel " << c;
+    }
+  }
 }
 
 // Drawing band by band inside the encoder gives the bytes of drawing the

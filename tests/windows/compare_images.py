@@ -4,7 +4,9 @@
 Usage: compare_images.py LINUX_SHEET WINDOWS_SHEET MIN_PSNR
 
 Both PNG: decoded here (zlib only) to RGBA; "same pixels" or a count of the
-pixels that differ. Both JPEG: decoded by djpeg to RGB; "within" when the
+pixels that differ. A fully transparent pixel has no colour: GDI+ draws
+premultiplied, so on Windows its colour channels are 0, where the Linux
+drawing keeps what the source stored; such pixels are counted apart. Both JPEG: decoded by djpeg to RGB; "within" when the
 sizes agree and the PSNR reaches MIN_PSNR dB, else "below". Prints one line.
 """
 import math
@@ -106,11 +108,20 @@ def main():
         b, bw, bh = decode_png(right)
         if (aw, ah) != (bw, bh):
             print(f"size differs: {aw}x{ah} against {bw}x{bh}")
-        elif a == b:
-            print(f"same pixels ({aw}x{ah} PNG; {len(left)} and {len(right)} bytes)")
         else:
-            differing = sum(1 for i in range(0, len(a), 4) if a[i:i + 4] != b[i:i + 4])
-            print(f"pixels differ: {differing} of {aw * ah}")
+            differing = hidden = 0
+            for i in range(0, len(a), 4):
+                if a[i:i + 4] == b[i:i + 4]:
+                    continue
+                if a[i + 3] == 0 and b[i + 3] == 0:
+                    hidden += 1
+                else:
+                    differing += 1
+            if differing:
+                print(f"pixels differ: {differing} of {aw * ah}")
+            else:
+                print(f"same pixels ({aw}x{ah} PNG; {len(left)} and {len(right)} bytes; "
+                      f"{hidden} transparent pixels differ in hidden colour only)")
     elif left[:2] == b"\xff\xd8" and right[:2] == b"\xff\xd8":
         a, aw, ah = decode_jpeg(left_path)
         b, bw, bh = decode_jpeg(right_path)
