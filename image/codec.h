@@ -87,6 +87,18 @@ bool DecodeImage(const std::uint8_t* bytes, std::size_t count, const DecodeLimit
 RgbaImage NewCanvas(std::int32_t width, std::int32_t height, std::uint8_t r, std::uint8_t g,
                     std::uint8_t b, std::uint8_t a);
 
+// The part of the rectangle (x, y, width, height) that lies inside `sheet`,
+// in the rectangle's own coordinates; empty (left >= right or top >=
+// bottom) when none of it does.
+struct VisibleRectangle {
+  std::int64_t left;
+  std::int64_t top;
+  std::int64_t right;
+  std::int64_t bottom;
+};
+VisibleRectangle VisiblePart(const RgbaImage& sheet, std::int32_t x, std::int32_t y,
+                             std::int32_t width, std::int32_t height);
+
 // Copies all of `source` into the rectangle (x, y, width, height) of
 // `sheet`, replacing what was there, alpha included (no blending). A source
 // of another size is scaled bilinearly; samples are taken from `source`

@@ -52,4 +52,12 @@ RgbaImage NewCanvas(std::int32_t width, std::int32_t height, std::uint8_t r, std
   return canvas;
 }
 
+VisibleRectangle VisiblePart(const RgbaImage& sheet, std::int32_t x, std::int32_t y,
+                             std::int32_t width, std::int32_t height) {
+  return {std::max<std::int64_t>(0, -static_cast<std::int64_t>(x)),
+          std::max<std::int64_t>(0, -static_cast<std::int64_t>(y)),
+          std::min<std::int64_t>(width, static_cast<std::int64_t>(sheet.width) - x),
+          std::min<std::int64_t>(height, static_cast<std::int64_t>(sheet.height) - y)};
+}
+
 }  // namespace zelvarpack::image

@@ -42,13 +42,7 @@ std::vector<Tap> Taps(std::int32_t sourceSize, std::int32_t destinationSize) {
 void DrawScaled(RgbaImage& sheet, const RgbaImage& source, std::int32_t x, std::int32_t y,
                 std::int32_t width, std::int32_t height) {
   if (source.width <= 0 || source.height <= 0 || width <= 0 || height <= 0) return;
-  // The part of the rectangle inside the sheet, in rectangle coordinates.
-  const std::int64_t left = std::max<std::int64_t>(0, -static_cast<std::int64_t>(x));
-  const std::int64_t top = std::max<std::int64_t>(0, -static_cast<std::int64_t>(y));
-  const std::int64_t right =
-      std::min<std::int64_t>(width, static_cast<std::int64_t>(sheet.width) - x);
-  const std::int64_t bottom =
-      std::min<std::int64_t>(height, static_cast<std::int64_t>(sheet.height) - y);
+  const auto [left, top, right, bottom] = VisiblePart(sheet, x, y, width, height);
   if (left >= right || top >= bottom) return;
   const auto columns = static_cast<std::size_t>(right - left);
 
