@@ -1,0 +1,165 @@
+#include "store/look_ahead.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "store/chunk_fingerprint.h"
+
+namespace zelvarpack::store {
+
+namespace {
+
+// Past this many known composites the knowledge is dropped and gathered
+// again: guesses only get worse, never wrong.
+constexpr std::size_t kMaxKnown = std::size_t{1} << 20;
+
+// The composite's state after one more chunk of fingerprint `fingerprint`,
+// with the search's arithmetic.
+void Append(LookAhead::State& state, double fingerprint) {
+  if (state.chunks == 0) {
+    state.fftRms = fingerprint;
+    state.sum = fingerprint;
+  } else {
+    state.fftRms = (state.sum + fingerprint) / (state.chunks + 1);
+    state.sum = state.sum + fingerprint;
+  }
+  ++state.chunks;
+}
+
+}  // namespace
+
+std::unique_ptr<LookAhead::Ahead> LookAhead::Take(const unsigned char* bytes, std::size_t count) {
+  std::unique_ptr<Ahead> ahead = std::move(ready_);
+  if (ahead == nullptr || ahead->bytes != bytes || ahead->count != count) return nullptr;
+  return ahead;
+}
+
+void LookAhead::Prepare(const std::map<std::int32_t, State>& states,
+                        const std::unordered_map<std::int32_t, Written>& written,
+                        CompositeCache* cache, const unsigned char* next, std::size_t nextCount) {
+  settling_ = states;
+  preparing_.reset();
+  ready_.reset();
+  if (next == nullptr || nextCount == 0) return;
+  auto ahead = std::make_unique<Ahead>();
+  ahead->bytes = next;
+  ahead->count = nextCount;
+  for (std::size_t offset = 0; offset < nextCount; offset += kChunkBytes) {
+    ahead->fingerprints.push_back(
+        ChunkFingerprint(next + offset, std::min(kChunkBytes, nextCount - offset)));
+  }
+
+  // The search for each chunk in order: the nearest open composite in the
+  // chunk's bucket, the lower id on a tie, else a new one (ids from the
+  // sequence, in order). Three layers of state: what committed files left,
+  // what the current file leaves, what the guess so far has appended.
+  struct Guess {
+    State state;
+    State before;
+    bool fresh = false;
+    std::vector<std::size_t> chunks;
+  };
+  std::map<std::int32_t, Guess> guesses;
+  std::int32_t nextId = highestId_;
+  for (const auto& [id, state] : settling_) nextId = std::max(nextId, id);
+  ++nextId;
+  for (std::size_t i = 0; i < ahead->fingerprints.size(); ++i) {
+    const double fingerprint = ahead->fingerprints[i];
+    const int bucket = BucketOf(fingerprint);
+    std::int32_t best = 0;
+    double bestDistance = 0;
+    const auto consider = [&](std::int32_t id, const State& state) {
+      if (state.chunks >= kMaxChunksPerComposite || BucketOf(state.fftRms) != bucket) return;
+      const double distance = std::abs(state.fftRms - fingerprint);
+      if (best == 0 || distance < bestDistance || (distance == bestDistance && id < best)) {
+        best = id;
+        bestDistance = distance;
+      }
+    };
+    if (auto found = byBucket_.find(bucket); found != byBucket_.end()) {
+      for (const std::int32_t id : found->second) {
+        if (guesses.count(id) == 0 && settling_.count(id) == 0) consider(id, known_.at(id));
+      }
+    }
+    for (const auto& [id, state] : settling_) {
+      if (guesses.count(id) == 0) consider(id, state);
+    }
+    for (const auto& [id, guess] : guesses) consider(id, guess.state);
+    auto guess = guesses.end();
+    if (best != 0) {
+      guess = guesses.find(best);
+      if (guess == guesses.end()) {
+        auto settled = settling_.find(best);
+        const State& state = settled != settling_.end() ? settled->second : known_.at(best);
+        guess = guesses.emplace(best, Guess{state, state, false, {}}).first;
+      }
+    } else {
+      guess = guesses.emplace(nextId++, Guess{{}, {}, true, {}}).first;
+    }
+    Append(guess->second.state, fingerprint);
+    guess->second.chunks.push_back(i);
+  }
+
+  // Each composite's bytes with the guessed chunks appended, continuing the
+  // stream kept over its bytes as last written.
+  for (const auto& [id, guess] : guesses) {
+    std::shared_ptr<const Bytes> base;
+    std::shared_ptr<const GzipPrefix> prefix;
+    if (!guess.fresh) {
+      if (auto found = written.find(id); found != written.end()) {
+        base = found->second.plain;
+        prefix = found->second.prefix;
+      } else if (cache != nullptr) {
+        std::shared_ptr<const CompositeCache::Entry> entry = cache->Find(id);
+        if (entry != nullptr && entry->chunks == guess.before.chunks) {
+          base = entry->plain;
+          prefix = entry->prefix;
+        }
+      }
+      if (base == nullptr || prefix == nullptr) continue;  // its bytes are not here
+    }
+    auto plain = std::make_shared<Bytes>();
+    if (base != nullptr) *plain = *base;
+    for (const std::size_t i : guess.chunks) {
+      const std::size_t offset = i * kChunkBytes;
+      plain->insert(plain->end(), next + offset, next + std::min(nextCount, offset + kChunkBytes));
+    }
+    if (plain->size() > kMaxCompositeBytes) continue;
+    const auto key = static_cast<std::int32_t>(guess.chunks.back());
+    const bool keepPrefix = cache != nullptr && guess.state.chunks < kMaxChunksPerComposite;
+    if (!ahead->compressor.Submit(key, 1, plain, prefix, keepPrefix, false)) {
+      break;  // no helper thread here: nothing is gained
+    }
+    ahead->predicted.emplace(key, std::move(plain));
+  }
+  preparing_ = std::move(ahead);
+}
+
+void LookAhead::Settle(bool committed) {
+  if (committed) {
+    if (known_.size() + settling_.size() > kMaxKnown) {
+      known_.clear();
+      byBucket_.clear();
+    }
+    for (const auto& [id, state] : settling_) Remember(id, state);
+    ready_ = std::move(preparing_);
+  }
+  preparing_.reset();
+  settling_.clear();
+}
+
+void LookAhead::Remember(std::int32_t id, const State& state) {
+  highestId_ = std::max(highestId_, id);
+  if (auto old = known_.find(id); old != known_.end()) {
+    std::vector<std::int32_t>& ids = byBucket_[BucketOf(old->second.fftRms)];
+    ids.erase(std::remove(ids.begin(), ids.end(), id), ids.end());
+    if (ids.empty()) byBucket_.erase(BucketOf(old->second.fftRms));
+    known_.erase(old);
+  }
+  if (state.chunks < kMaxChunksPerComposite) {
+    known_.emplace(id, state);
+    byBucket_[BucketOf(state.fftRms)].push_back(id);
+  }
+}
+
+}  // namespace zelvarpack::store
