@@ -102,8 +102,10 @@ bool FileWriter::Fetch(std::int32_t id, std::int32_t chunks, Bytes& data, bool c
                        const CompositeCache::Entry* vouched) {
   // An entry that can stand for the composite's row as the search saw it.
   const auto take = [&](const CompositeCache::Entry* entry) {
-    if (entry == nullptr || entry->plain == nullptr || entry->prefix == nullptr ||
-        entry->chunks != chunks || entry->compressed != compressed) {
+    // (An entry without a stream gave it to work done ahead; its bytes
+    // still stand.)
+    if (entry == nullptr || entry->plain == nullptr || entry->chunks != chunks ||
+        entry->compressed != compressed) {
       return false;
     }
     plain = *entry->plain;
@@ -295,7 +297,7 @@ void FileWriter::OfferKnownVersions() {
   knownVersions_.assign(1, '{');
   for (auto it = offered_.begin(); it != offered_.end();) {
     const CompositeCache::Entry& entry = *it->second;
-    if (entry.version < 0 || entry.plain == nullptr || entry.prefix == nullptr) {
+    if (entry.version < 0 || entry.plain == nullptr) {
       it = offered_.erase(it);
       continue;
     }
@@ -456,19 +458,36 @@ bool FileWriter::ComputedAhead(const Pending& entry) const {
   return found != ahead_->predicted.end() && *found->second == *entry.plain;
 }
 
-void FileWriter::StartNext(std::unordered_map<std::int32_t, LookAhead::Written> written) {
+void FileWriter::StartNext(std::unordered_map<std::int32_t, LookAhead::Written>& written) {
+  // Composites written earlier in this file (their entries go to the cache
+  // at the commit) are offered too.
+  std::vector<std::int32_t> earlier;
   for (const auto& [id, entry] : written_) {
-    if (entry != nullptr) written.emplace(id, LookAhead::Written{entry->plain, entry->prefix});
+    if (entry != nullptr && written.count(id) == 0) {
+      written.emplace(id, LookAhead::Written{entry->plain, entry->prefix});
+      earlier.push_back(id);
+    }
   }
   lookAhead_->Prepare(states_, written, cache_, options_.nextBytes,
                       static_cast<std::size_t>(std::max(options_.nextCount, 0)));
   prepared_ = true;
+  for (const std::int32_t id : earlier) {
+    std::shared_ptr<const CompositeCache::Entry>& entry = written_[id];
+    if (written[id].prefix == nullptr && entry->prefix != nullptr) {
+      auto stripped = std::make_shared<CompositeCache::Entry>(*entry);
+      stripped->prefix = nullptr;  // the look-ahead took the stream
+      entry = std::move(stripped);
+    }
+  }
 }
 
 bool FileWriter::WritePending(bool last) {
   // Without composites to write, the next file is still looked at.
   if (pending_.empty()) {
-    if (last && lookAhead_ != nullptr) StartNext({});
+    if (last && lookAhead_ != nullptr) {
+      std::unordered_map<std::int32_t, LookAhead::Written> none;
+      StartNext(none);
+    }
     return true;
   }
   if (ahead_ != nullptr && !aheadDone_) {
@@ -524,13 +543,20 @@ bool FileWriter::WritePending(bool last) {
   if (cache_ != nullptr) {
     for (std::size_t w = 0; w < writes.size(); ++w) kept[w] = writes[w].form->TakePrefix();
   }
+  // Composites that can still grow: remembered after the commit, with their
+  // stream unless the look-ahead took it.
+  std::vector<bool> keptAny(writes.size());
+  for (std::size_t w = 0; w < writes.size(); ++w) keptAny[w] = kept[w] != nullptr;
   if (last && lookAhead_ != nullptr) {
     // The next file's compression starts before this one's writes go out.
     std::unordered_map<std::int32_t, LookAhead::Written> written;
     for (std::size_t w = 0; w < writes.size(); ++w) {
-      written[writes[w].id] = {writes[w].entry->plain, kept[w]};
+      written[writes[w].id] = {writes[w].entry->plain, std::move(kept[w])};
     }
-    StartNext(std::move(written));
+    StartNext(written);
+    // What it left of the streams (a taken one: null).
+    for (std::size_t w = 0; w < writes.size(); ++w)
+      kept[w] = std::move(written[writes[w].id].prefix);
   }
   // With the counts, fingerprints as text (the parameters point into it).
   std::vector<std::string> fftTexts;
@@ -607,7 +633,7 @@ bool FileWriter::WritePending(bool last) {
   if (cache_ != nullptr) {
     for (std::size_t k = 0; k < writes.size(); ++k) {
       const Write& w = writes[k];
-      if (kept[k] == nullptr) continue;
+      if (!keptAny[k]) continue;
       auto known = std::make_shared<CompositeCache::Entry>();
       known->plain = w.entry->plain;
       known->stored.assign(w.form->bytes(), w.form->bytes() + w.form->count());

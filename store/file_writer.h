@@ -157,8 +157,8 @@ class FileWriter {
 
   // Hands the look-ahead this file's composites as it leaves them (those in
   // `written` as written now, the others as written earlier) and the next
-  // file.
-  void StartNext(std::unordered_map<std::int32_t, LookAhead::Written> written);
+  // file; the streams it takes over are null in `written` after.
+  void StartNext(std::unordered_map<std::int32_t, LookAhead::Written>& written);
 
   OdbcConnection& db_;
   const Dialect& d_;

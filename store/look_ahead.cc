@@ -35,8 +35,8 @@ std::unique_ptr<LookAhead::Ahead> LookAhead::Take(const unsigned char* bytes, st
 }
 
 void LookAhead::Prepare(const std::map<std::int32_t, State>& states,
-                        const std::unordered_map<std::int32_t, Written>& written,
-                        CompositeCache* cache, const unsigned char* next, std::size_t nextCount) {
+                        std::unordered_map<std::int32_t, Written>& written, CompositeCache* cache,
+                        const unsigned char* next, std::size_t nextCount) {
   settling_ = states;
   preparing_.reset();
   ready_.reset();
@@ -101,30 +101,44 @@ void LookAhead::Prepare(const std::map<std::int32_t, State>& states,
   }
 
   // Each composite's bytes with the guessed chunks appended, continuing the
-  // stream kept over its bytes as last written.
+  // stream kept over its bytes as last written. The stream is taken over,
+  // from `written` or from the cache's entry, so that the job continues it
+  // in place instead of copying it; a wrong guess leaves that composite
+  // without a stream (compressed from the start if touched).
   for (const auto& [id, guess] : guesses) {
     std::shared_ptr<const Bytes> base;
     std::shared_ptr<const GzipPrefix> prefix;
     if (!guess.fresh) {
       if (auto found = written.find(id); found != written.end()) {
+        if (found->second.plain == nullptr || found->second.prefix == nullptr) continue;
         base = found->second.plain;
-        prefix = found->second.prefix;
+        prefix = std::move(found->second.prefix);
       } else if (cache != nullptr) {
         std::shared_ptr<const CompositeCache::Entry> entry = cache->Find(id);
-        if (entry != nullptr && entry->chunks == guess.before.chunks) {
-          base = entry->plain;
-          prefix = entry->prefix;
+        if (entry == nullptr || entry->chunks != guess.before.chunks || entry->plain == nullptr ||
+            entry->prefix == nullptr) {
+          continue;
         }
+        base = entry->plain;
+        prefix = entry->prefix;
+        auto stripped = std::make_shared<CompositeCache::Entry>(*entry);
+        stripped->prefix = nullptr;
+        cache->Put(id, std::move(stripped));
+      } else {
+        continue;  // its bytes are not here
       }
-      if (base == nullptr || prefix == nullptr) continue;  // its bytes are not here
     }
     auto plain = std::make_shared<Bytes>();
-    if (base != nullptr) *plain = *base;
+    std::size_t size = base != nullptr ? base->size() : 0;
+    for (const std::size_t i : guess.chunks)
+      size += std::min(kChunkBytes, nextCount - i * kChunkBytes);
+    if (size > kMaxCompositeBytes) continue;
+    plain->reserve(size);
+    if (base != nullptr) plain->assign(base->begin(), base->end());
     for (const std::size_t i : guess.chunks) {
       const std::size_t offset = i * kChunkBytes;
       plain->insert(plain->end(), next + offset, next + std::min(nextCount, offset + kChunkBytes));
     }
-    if (plain->size() > kMaxCompositeBytes) continue;
     const auto key = static_cast<std::int32_t>(guess.chunks.back());
     const bool keepPrefix = cache != nullptr && guess.state.chunks < kMaxChunksPerComposite;
     if (!ahead->compressor.Submit(key, 1, plain, prefix, keepPrefix, false)) {

@@ -79,13 +79,14 @@ class LookAhead {
 
   // Called once per file, after its composites' stored forms are made and
   // before they are written: `states` is every composite the file touched
-  // as it leaves it, `written` what the file writes of those it writes now
-  // (composites written earlier in the file come from `cache`, as do
-  // untouched ones). Predicts the search for the file `next`, `nextCount`
-  // (none when null) and starts compressing what it predicts. Settle says
-  // whether the file committed.
+  // as it leaves it, `written` what the file has written of them (the
+  // others, untouched, come from `cache`). Predicts the search for the file
+  // `next`, `nextCount` (none when null) and starts compressing what it
+  // predicts. The streams it continues are taken over: their prefix in
+  // `written`, or their cache entry's, becomes null. Settle says whether
+  // the file committed.
   void Prepare(const std::map<std::int32_t, State>& states,
-               const std::unordered_map<std::int32_t, Written>& written, CompositeCache* cache,
+               std::unordered_map<std::int32_t, Written>& written, CompositeCache* cache,
                const unsigned char* next, std::size_t nextCount);
 
   // The file that called Prepare committed (its states become what is
