@@ -365,7 +365,8 @@ TEST_P(FileStore, LookAheadCommitsTheSameRowsAndBytes) {
   // compressing after every append whatever the guess was worth: a clean
   // run (every guess right), a call naming another file than the one that
   // follows, a writer without the look-ahead appending behind its back to
-  // the composites it guessed, and a file that is refused and rolled back.
+  // the composites it guessed, a file that is refused and rolled back, and
+  // a named file whose bytes change, in place, before it is stored.
   const std::string gpl3 = RealFile("/usr/share/common-licenses/GPL-3");
   const std::string gpl2 = RealFile("/usr/share/common-licenses/GPL-2");
   std::vector<std::string> files;
@@ -383,6 +384,8 @@ TEST_P(FileStore, LookAheadCommitsTheSameRowsAndBytes) {
   const std::size_t refused = clean + 1;
   const std::size_t misnamed = clean + 2;   // names a file that does not follow
   const std::size_t overtaken = clean + 3;  // another writer stores the next file first
+  const std::size_t changed = clean + 4;    // names a buffer that then changes
+  std::string buffer(files[changed + 1].size(), 'q');
 
   std::unique_ptr<StoreDatabase> eager = GetParam().make();
   StoreOptions everyAppend;
@@ -394,7 +397,8 @@ TEST_P(FileStore, LookAheadCommitsTheSameRowsAndBytes) {
   ahead.lookAhead = &lookAhead;
   const StoreOptions plain;
   const auto bytesOf = [&](std::size_t i) {
-    return reinterpret_cast<const unsigned char*>(files[i].data());
+    return reinterpret_cast<const unsigned char*>(i == changed + 1 ? buffer.data()
+                                                                   : files[i].data());
   };
   const auto sizeOf = [&](std::size_t i) { return static_cast<std::int32_t>(files[i].size()); };
   std::string error;
@@ -410,6 +414,7 @@ TEST_P(FileStore, LookAheadCommitsTheSameRowsAndBytes) {
       ASSERT_EQ(ExecuteSql(eager->Connection(), GetParam().refuseChunksOf1234), "");
       Sql(GetParam().refuseChunksOf1234);
     }
+    if (i == changed + 1) buffer.replace(0, buffer.size(), files[i]);  // same place
     if (i == overtaken + 1) {
       const std::int32_t expected =
           StoreFile(eager->Connection(), bytesOf(i), sizeOf(i), everyAppend, &error);

@@ -51,12 +51,20 @@ bool FileWriter::Run(const unsigned char* bytes, std::int32_t count, std::int32_
     if (!insert->Execute() || !ReadIdentity(session_, d_, insert, fileId)) return false;
   }
   const auto total = static_cast<std::size_t>(count);
-  if (lookAhead_ != nullptr) ahead_ = lookAhead_->Take(bytes, total);
   std::vector<double> fingerprints;
-  for (std::size_t offset = 0; offset < total; offset += kChunkBytes) {
-    fingerprints.push_back(ChunkFingerprint(bytes + offset, std::min(kChunkBytes, total - offset)));
-    ++remaining_[BucketOf(fingerprints.back())];
+  if (lookAhead_ != nullptr) {
+    ahead_ = lookAhead_->Take(bytes, total);
+    if (ahead_ != nullptr) fingerprints = std::move(ahead_->fingerprints);
+    lookAhead_->Expect(options_.nextBytes,
+                       static_cast<std::size_t>(std::max(options_.nextCount, 0)));
   }
+  if (fingerprints.empty()) {
+    for (std::size_t offset = 0; offset < total; offset += kChunkBytes) {
+      fingerprints.push_back(
+          ChunkFingerprint(bytes + offset, std::min(kChunkBytes, total - offset)));
+    }
+  }
+  for (const double fingerprint : fingerprints) ++remaining_[BucketOf(fingerprint)];
   for (std::size_t i = 0; i < fingerprints.size(); ++i) {
     if (batched) {
       const std::size_t run = std::min(fingerprints.size() - i, ChunksPerCall());

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <string_view>
+#include <system_error>
 
 #include "store/chunk_fingerprint.h"
 
@@ -28,10 +30,38 @@ void Append(LookAhead::State& state, double fingerprint) {
 
 }  // namespace
 
+std::uint64_t LookAhead::HashOf(const unsigned char* bytes, std::size_t count) {
+  return std::hash<std::string_view>{}(
+      std::string_view(reinterpret_cast<const char*>(bytes), count));
+}
+
 std::unique_ptr<LookAhead::Ahead> LookAhead::Take(const unsigned char* bytes, std::size_t count) {
   std::unique_ptr<Ahead> ahead = std::move(ready_);
-  if (ahead == nullptr || ahead->bytes != bytes || ahead->count != count) return nullptr;
+  if (ahead == nullptr || ahead->bytes != bytes || ahead->count != count ||
+      ahead->hash != HashOf(bytes, count)) {
+    return nullptr;
+  }
   return ahead;
+}
+
+void LookAhead::Expect(const unsigned char* next, std::size_t nextCount) {
+  if (fingerprinter_.joinable()) fingerprinter_.join();
+  expected_ = next;
+  expectedCount_ = next != nullptr ? nextCount : 0;
+  expectedFingerprints_.clear();
+  const auto work = [this] {
+    for (std::size_t offset = 0; offset < expectedCount_; offset += kChunkBytes) {
+      expectedFingerprints_.push_back(
+          ChunkFingerprint(expected_ + offset, std::min(kChunkBytes, expectedCount_ - offset)));
+    }
+    expectedHash_ = HashOf(expected_, expectedCount_);
+  };
+  if (expectedCount_ == 0) return;
+  try {
+    fingerprinter_ = std::thread(work);
+  } catch (const std::system_error&) {
+    work();  // no thread to be had: now, then
+  }
 }
 
 void LookAhead::Prepare(const std::map<std::int32_t, State>& states,
@@ -44,10 +74,12 @@ void LookAhead::Prepare(const std::map<std::int32_t, State>& states,
   auto ahead = std::make_unique<Ahead>();
   ahead->bytes = next;
   ahead->count = nextCount;
-  for (std::size_t offset = 0; offset < nextCount; offset += kChunkBytes) {
-    ahead->fingerprints.push_back(
-        ChunkFingerprint(next + offset, std::min(kChunkBytes, nextCount - offset)));
-  }
+  if (next != expected_ || nextCount != expectedCount_) Expect(next, nextCount);
+  if (fingerprinter_.joinable()) fingerprinter_.join();
+  ahead->fingerprints = std::move(expectedFingerprints_);
+  ahead->hash = expectedHash_;
+  expected_ = nullptr;
+  expectedCount_ = 0;
 
   // The search for each chunk in order: the nearest open composite in the
   // chunk's bucket, the lower id on a tie, else a new one (ids from the
@@ -150,6 +182,7 @@ void LookAhead::Prepare(const std::map<std::int32_t, State>& states,
 }
 
 void LookAhead::Settle(bool committed) {
+  Expect(nullptr, 0);
   if (committed) {
     if (known_.size() + settling_.size() > kMaxKnown) {
       known_.clear();

@@ -33,6 +33,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -60,7 +61,8 @@ class LookAhead {
   struct Ahead {
     const unsigned char* bytes = nullptr;  // the file it was done for
     std::size_t count = 0;
-    std::vector<double> fingerprints;
+    std::uint64_t hash = 0;            // of its bytes, with HashOf
+    std::vector<double> fingerprints;  // of its chunks
     // The bytes handed to the compressor, by the file's index of the last
     // chunk the prediction appends to the composite (one per composite).
     std::unordered_map<std::int32_t, std::shared_ptr<const Bytes>> predicted;
@@ -72,10 +74,18 @@ class LookAhead {
   LookAhead() = default;
   LookAhead(const LookAhead&) = delete;
   LookAhead& operator=(const LookAhead&) = delete;
+  ~LookAhead() { Expect(nullptr, 0); }
 
   // The work done ahead for the file `bytes`, `count`, if it was named as
-  // the next file by the previous call (which committed); else null.
+  // the next file by the previous call (which committed) and its bytes are
+  // the same (by hash); else null.
   std::unique_ptr<Ahead> Take(const unsigned char* bytes, std::size_t count);
+
+  // Starts fingerprinting the next file, `next`, `nextCount`, on a thread
+  // of its own while the current file's chunks are matched; none for null.
+  // Ends the previous one first. REQUIRES: the bytes stay valid until
+  // Prepare or Settle.
+  void Expect(const unsigned char* next, std::size_t nextCount);
 
   // Called once per file, after its composites' stored forms are made and
   // before they are written: `states` is every composite the file touched
@@ -90,7 +100,8 @@ class LookAhead {
                const unsigned char* next, std::size_t nextCount);
 
   // The file that called Prepare committed (its states become what is
-  // known) or did not (the work done ahead is dropped).
+  // known) or did not (the work done ahead is dropped). Ends Expect's
+  // thread.
   void Settle(bool committed);
 
   // What is known of open composite `id` as committed, or null.
@@ -108,6 +119,14 @@ class LookAhead {
 
  private:
   void Remember(std::int32_t id, const State& state);
+  static std::uint64_t HashOf(const unsigned char* bytes, std::size_t count);
+
+  // The file Expect was given, its hash and fingerprints (by fingerprinter_).
+  const unsigned char* expected_ = nullptr;
+  std::size_t expectedCount_ = 0;
+  std::uint64_t expectedHash_ = 0;
+  std::vector<double> expectedFingerprints_;
+  std::thread fingerprinter_;
 
   std::unordered_map<std::int32_t, State> known_;
   std::unordered_map<int, std::vector<std::int32_t>> byBucket_;  // open composites
