@@ -500,7 +500,7 @@ bool FileWriter::WritePending(bool last) {
   }
   if (ahead_ != nullptr && !aheadDone_) {
     // Takes part in what is left of it.
-    aheadResults_ = ahead_->compressor.Drain();
+    aheadResults_ = ahead_->compressor->Drain();
     aheadDone_ = true;
   }
   std::map<std::int32_t, BackgroundCompressor::Result> done = compressor_.Drain();

@@ -70,8 +70,11 @@ void LookAhead::Prepare(const std::map<std::int32_t, State>& states,
   settling_ = states;
   preparing_.reset();
   ready_.reset();
+  // Results nobody took (a failed file's) go.
+  compressor_.Drain();
   if (next == nullptr || nextCount == 0) return;
   auto ahead = std::make_unique<Ahead>();
+  ahead->compressor = &compressor_;
   ahead->bytes = next;
   ahead->count = nextCount;
   if (next != expected_ || nextCount != expectedCount_) Expect(next, nextCount);
@@ -173,7 +176,7 @@ void LookAhead::Prepare(const std::map<std::int32_t, State>& states,
     }
     const auto key = static_cast<std::int32_t>(guess.chunks.back());
     const bool keepPrefix = cache != nullptr && guess.state.chunks < kMaxChunksPerComposite;
-    if (!ahead->compressor.Submit(key, 1, plain, prefix, keepPrefix, false)) {
+    if (!compressor_.Submit(key, 1, plain, prefix, keepPrefix, false)) {
       break;  // no helper thread here: nothing is gained
     }
     ahead->predicted.emplace(key, std::move(plain));

@@ -66,9 +66,10 @@ class LookAhead {
     // The bytes handed to the compressor, by the file's index of the last
     // chunk the prediction appends to the composite (one per composite).
     std::unordered_map<std::int32_t, std::shared_ptr<const Bytes>> predicted;
-    // Results under the same keys; declared last so that its threads stop
-    // first.
-    BackgroundCompressor compressor;
+    // Has the results under the same keys (the look-ahead's own, whose
+    // helper threads live as long as it does: a thread started and joined
+    // per file costs a wait for a processor each time on a busy machine).
+    BackgroundCompressor* compressor = nullptr;
   };
 
   LookAhead() = default;
@@ -138,6 +139,8 @@ class LookAhead {
   std::unique_ptr<Ahead> ready_;
   std::size_t used_ = 0;
   std::size_t missed_ = 0;
+  // Declared last: its threads stop first.
+  BackgroundCompressor compressor_;
 };
 
 // A fingerprint's bucket as the composite search compares it (x 100,
