@@ -41,7 +41,8 @@ constexpr int kGzipWindowBits = 31;
 // store's cache holds hundreds of streams, and first touching their memory
 // page by page was a tenth of the tool's processor time (one fault per
 // 4 KB instead of per 2 MB). Slab blocks are kept whatever the bound (a
-// slab is never returned), so the memory stays at its peak.
+// slab is never returned), so up to 256 MB of slabs stay mapped; past
+// that, blocks come from the heap.
 class BlockPool {
  public:
   static BlockPool& Instance() {
@@ -101,6 +102,7 @@ class BlockPool {
     if (bytes > kSlab) return nullptr;
     std::lock_guard<std::mutex> lock(mutex_);
     if (slab_ == nullptr || slabUsed_ + bytes > kSlab) {
+      if (slabs_ == kMaxSlabs) return nullptr;  // past the bound: the heap's
       void* mapped = ::mmap(nullptr, kSlab + kHugePage, PROT_READ | PROT_WRITE,
                             MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
       if (mapped == MAP_FAILED) return nullptr;
@@ -114,6 +116,7 @@ class BlockPool {
       slab_ = reinterpret_cast<unsigned char*>(aligned);
       ::madvise(slab_, kSlab, MADV_HUGEPAGE);
       slabUsed_ = 0;
+      ++slabs_;
     }
     auto* block = reinterpret_cast<Header*>(slab_ + slabUsed_);
     slabUsed_ += bytes;
@@ -124,8 +127,10 @@ class BlockPool {
     return nullptr;
 #endif
   }
-  unsigned char* slab_ = nullptr;  // guarded by mutex_
-  std::size_t slabUsed_ = 0;       // guarded by mutex_
+  static constexpr int kMaxSlabs = 8;  // 256 MB
+  unsigned char* slab_ = nullptr;      // guarded by mutex_
+  int slabs_ = 0;                      // guarded by mutex_
+  std::size_t slabUsed_ = 0;           // guarded by mutex_
   std::mutex mutex_;
   std::unordered_map<std::size_t, std::vector<Header*>> free_;  // guarded by mutex_
   std::size_t kept_ = 0;                                        // guarded by mutex_
