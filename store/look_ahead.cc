@@ -140,6 +140,14 @@ void LookAhead::Prepare(const std::map<std::int32_t, State>& states,
   // from `written` or from the cache's entry, so that the job continues it
   // in place instead of copying it; a wrong guess leaves that composite
   // without a stream (compressed from the start if touched).
+  struct Job {
+    std::int32_t key;
+    std::shared_ptr<const Bytes> plain;
+    std::shared_ptr<const GzipPrefix> prefix;
+    bool keepPrefix;
+    std::size_t work;  // bytes to deflate
+  };
+  std::vector<Job> jobs;
   for (const auto& [id, guess] : guesses) {
     std::shared_ptr<const Bytes> base;
     std::shared_ptr<const GzipPrefix> prefix;
@@ -165,8 +173,9 @@ void LookAhead::Prepare(const std::map<std::int32_t, State>& states,
     }
     auto plain = std::make_shared<Bytes>();
     std::size_t size = base != nullptr ? base->size() : 0;
-    for (const std::size_t i : guess.chunks)
+    for (const std::size_t i : guess.chunks) {
       size += std::min(kChunkBytes, nextCount - i * kChunkBytes);
+    }
     if (size > kMaxCompositeBytes) continue;
     plain->reserve(size);
     if (base != nullptr) plain->assign(base->begin(), base->end());
@@ -174,12 +183,21 @@ void LookAhead::Prepare(const std::map<std::int32_t, State>& states,
       const std::size_t offset = i * kChunkBytes;
       plain->insert(plain->end(), next + offset, next + std::min(nextCount, offset + kChunkBytes));
     }
-    const auto key = static_cast<std::int32_t>(guess.chunks.back());
-    const bool keepPrefix = cache != nullptr && guess.state.chunks < kMaxChunksPerComposite;
-    if (!compressor_.Submit(key, 1, plain, prefix, keepPrefix, false)) {
+    const std::size_t work = plain->size() - (prefix != nullptr ? prefix->consumed() : 0);
+    jobs.push_back({static_cast<std::int32_t>(guess.chunks.back()), std::move(plain),
+                    std::move(prefix),
+                    cache != nullptr && guess.state.chunks < kMaxChunksPerComposite, work});
+  }
+  // The longest first, so that the storing thread, which takes part in the
+  // jobs left when the next file needs them, does not wait for a long one
+  // started last.
+  std::stable_sort(jobs.begin(), jobs.end(),
+                   [](const Job& a, const Job& b) { return a.work > b.work; });
+  for (Job& job : jobs) {
+    if (!compressor_.Submit(job.key, 1, job.plain, job.prefix, job.keepPrefix, false)) {
       break;  // no helper thread here: nothing is gained
     }
-    ahead->predicted.emplace(key, std::move(plain));
+    ahead->predicted.emplace(job.key, std::move(job.plain));
   }
   preparing_ = std::move(ahead);
 }
