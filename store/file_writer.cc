@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <system_error>
+#include <thread>
 
 #include "store/chunk_fingerprint.h"
 #include "store/read_back.h"
@@ -555,17 +556,32 @@ bool FileWriter::WritePending(bool last) {
   // stream unless the look-ahead took it.
   std::vector<bool> keptAny(writes.size());
   for (std::size_t w = 0; w < writes.size(); ++w) keptAny[w] = kept[w] != nullptr;
-  if (last && lookAhead_ != nullptr) {
-    // The next file's compression starts before this one's writes go out.
-    std::unordered_map<std::int32_t, LookAhead::Written> written;
+  // The next file's guess, which starts its compression, runs beside this
+  // file's writes on a thread of its own when they wait for a database
+  // server (SQLite's writes are this thread's own work: there the guess
+  // would only compete for the processor). It touches written_, states_
+  // and the look-ahead, which nothing here touches before it is joined.
+  std::unordered_map<std::int32_t, LookAhead::Written> written;
+  std::thread guessing;
+  const bool guess = last && lookAhead_ != nullptr;
+  if (guess) {
     for (std::size_t w = 0; w < writes.size(); ++w) {
       written[writes[w].id] = {writes[w].entry->plain, std::move(kept[w])};
     }
-    StartNext(written);
-    // What it left of the streams (a taken one: null).
-    for (std::size_t w = 0; w < writes.size(); ++w)
-      kept[w] = std::move(written[writes[w].id].prefix);
+    if (d_.engine != Engine::kSqlite) {
+      try {
+        guessing = std::thread([this, &written] { StartNext(written); });
+      } catch (const std::system_error&) {
+      }
+    }
+    if (!guessing.joinable()) StartNext(written);
   }
+  struct Joiner {
+    std::thread& thread;
+    ~Joiner() {
+      if (thread.joinable()) thread.join();
+    }
+  } joiner{guessing};
   // With the counts, fingerprints as text (the parameters point into it).
   std::vector<std::string> fftTexts;
   if (d_.dataWritesSetCounts) {
@@ -636,6 +652,13 @@ bool FileWriter::WritePending(bool last) {
         update->SetInt32(3, w.id);
       }
       if (!update->Execute() || !ReadVersions(d_, update, versions_)) return false;
+    }
+  }
+  if (guess) {
+    if (guessing.joinable()) guessing.join();
+    // What the guess left of the streams (a taken one: null).
+    for (std::size_t w = 0; w < writes.size(); ++w) {
+      kept[w] = std::move(written[writes[w].id].prefix);
     }
   }
   if (cache_ != nullptr) {
