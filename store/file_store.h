@@ -19,6 +19,7 @@
 
 namespace zelvarpack::store {
 
+class LookAhead;
 class SessionPool;
 
 struct StoreOptions {
@@ -37,6 +38,13 @@ struct StoreOptions {
   // Sessions kept between calls; null: a new connection per call, closed
   // before it returns.
   SessionPool* sessions = nullptr;
+  // With a cache: the file to be stored next by the same caller, through
+  // the same `lookAhead` (store/look_ahead.h), which this call starts
+  // compressing before it writes and commits its own file. The bytes are
+  // read during this call only. Null: no next file, or none known.
+  LookAhead* lookAhead = nullptr;
+  const unsigned char* nextBytes = nullptr;
+  std::int32_t nextCount = 0;
 };
 
 // Stores `count` bytes as one new file in one transaction. Returns the new

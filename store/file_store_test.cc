@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "net/zlib_codec.h"
+#include "store/look_ahead.h"
 #include "store/odbc_connection.h"
 #include "store/read_back.h"
 #include "tests/store_databases.h"
@@ -356,6 +357,84 @@ TEST_P(FileStore, ContinuedCompressionThroughFullCompositesCommitsTheSameRowsAnd
   EXPECT_TRUE(CompositeRows(eager->Connection()) == composites);
   EXPECT_EQ(ChunkRows(eager->Connection()), ChunkRows(connection_));
   EXPECT_EQ(Read(static_cast<std::int32_t>(files.size())), files.back());
+}
+
+TEST_P(FileStore, LookAheadCommitsTheSameRowsAndBytes) {
+  // Each call names the next file, whose composites are compressed ahead
+  // from a guess at the database's search; the rows must be those of
+  // compressing after every append whatever the guess was worth: a clean
+  // run (every guess right), a call naming another file than the one that
+  // follows, a writer without the look-ahead appending behind its back to
+  // the composites it guessed, a file that is refused and rolled back, and
+  // a named file whose bytes change, in place, before it is stored.
+  const std::string gpl3 = RealFile("/usr/share/common-licenses/GPL-3");
+  const std::string gpl2 = RealFile("/usr/share/common-licenses/GPL-2");
+  std::vector<std::string> files;
+  for (std::size_t i = 0; i < 12; ++i) {
+    files.push_back(i % 3 == 2 ? gpl2.substr(i * 211) : gpl3.substr(i * 131));
+    if (i % 4 == 1) files.push_back(gpl3.substr(i * 1000, 3000) + std::string(9 * 4096, 'z'));
+  }
+  const std::size_t clean = files.size();
+  files.push_back(RealFile("/usr/share/common-licenses/LGPL-2.1"));
+  files.push_back(gpl3.substr(0, 2 * 4096 + 1234));  // refused
+  files.push_back(gpl3.substr(20000));
+  files.push_back(gpl2);
+  files.push_back(gpl3.substr(5 * 4096 + 7));
+  files.push_back(gpl2.substr(99));
+  const std::size_t refused = clean + 1;
+  const std::size_t misnamed = clean + 2;   // names a file that does not follow
+  const std::size_t overtaken = clean + 3;  // another writer stores the next file first
+  const std::size_t changed = clean + 4;    // names a buffer that then changes
+  std::string buffer(files[changed + 1].size(), 'q');
+
+  std::unique_ptr<StoreDatabase> eager = GetParam().make();
+  StoreOptions everyAppend;
+  everyAppend.deferCompression = false;
+  zelvarpack::store::CompositeCache cache;
+  zelvarpack::store::LookAhead lookAhead;
+  StoreOptions ahead;
+  ahead.cache = &cache;
+  ahead.lookAhead = &lookAhead;
+  const StoreOptions plain;
+  const auto bytesOf = [&](std::size_t i) {
+    return reinterpret_cast<const unsigned char*>(i == changed + 1 ? buffer.data()
+                                                                   : files[i].data());
+  };
+  const auto sizeOf = [&](std::size_t i) { return static_cast<std::int32_t>(files[i].size()); };
+  std::string error;
+  std::int32_t last = -1;
+  for (std::size_t i = 0; i < files.size(); ++i) {
+    if (i == clean) {
+      // Every composite of every file after the first was guessed right.
+      EXPECT_GT(lookAhead.used(), 20u);
+      EXPECT_EQ(lookAhead.missed(), 0u);
+      EXPECT_GT(lookAhead.known(), 0u);
+    }
+    if (i == refused) {
+      ASSERT_EQ(ExecuteSql(eager->Connection(), GetParam().refuseChunksOf1234), "");
+      Sql(GetParam().refuseChunksOf1234);
+    }
+    if (i == changed + 1) buffer.replace(0, buffer.size(), files[i]);  // same place
+    if (i == overtaken + 1) {
+      const std::int32_t expected =
+          StoreFile(eager->Connection(), bytesOf(i), sizeOf(i), everyAppend, &error);
+      ASSERT_EQ(StoreFile(connection_, bytesOf(i), sizeOf(i), plain, &error), expected) << error;
+    }
+    const std::size_t next = i == misnamed ? i + 2 : i + 1;
+    ahead.nextBytes = next < files.size() ? bytesOf(next) : nullptr;
+    ahead.nextCount = next < files.size() ? sizeOf(next) : 0;
+    const std::int32_t expected =
+        StoreFile(eager->Connection(), bytesOf(i), sizeOf(i), everyAppend, &error);
+    EXPECT_EQ(expected < 0, i == refused);
+    last = StoreFile(connection_, bytesOf(i), sizeOf(i), ahead, &error);
+    EXPECT_EQ(last, expected) << i << ": " << error;
+  }
+  EXPECT_GT(lookAhead.missed(), 0u);  // the overtaken file's guesses
+  const std::vector<CompositeRow> composites = CompositeRows(connection_);
+  ASSERT_LT(composites.size(), ChunkRows(connection_).size());  // some were shared
+  EXPECT_TRUE(CompositeRows(eager->Connection()) == composites);
+  EXPECT_EQ(ChunkRows(eager->Connection()), ChunkRows(connection_));
+  EXPECT_EQ(Read(last), files.back());
 }
 
 INSTANTIATE_TEST_SUITE_P(Engines, FileStore, ::testing::Values(kSqlite, kPostgres),

@@ -3,26 +3,20 @@
 #include <algorithm>
 #include <charconv>
 #include <system_error>
+#include <thread>
 
 #include "store/chunk_fingerprint.h"
 #include "store/read_back.h"
 
 namespace zelvarpack::store {
 
-namespace {
-
-// A fingerprint's bucket as the composite search compares it (x 100,
-// truncated toward zero).
-int BucketOf(double fingerprint) { return static_cast<int>(fingerprint * 100.0); }
-
-}  // namespace
-
 FileWriter::FileWriter(Session& session, const Dialect& d, const StoreOptions& options)
     : db_(session.db()),
       d_(d),
       options_(options),
       session_(session),
-      cache_(options.deferCompression ? options.cache : nullptr) {}
+      cache_(options.deferCompression ? options.cache : nullptr),
+      lookAhead_(cache_ != nullptr ? options.lookAhead : nullptr) {}
 
 FileWriter::~FileWriter() {
   if (!published_) Publish(false);
@@ -30,6 +24,7 @@ FileWriter::~FileWriter() {
 
 void FileWriter::Publish(bool committed) {
   published_ = true;
+  if (lookAhead_ != nullptr) lookAhead_->Settle(committed && prepared_);
   if (cache_ == nullptr) return;
   for (const auto& [id, entry] : written_) {
     if (committed && entry != nullptr) {
@@ -58,10 +53,19 @@ bool FileWriter::Run(const unsigned char* bytes, std::int32_t count, std::int32_
   }
   const auto total = static_cast<std::size_t>(count);
   std::vector<double> fingerprints;
-  for (std::size_t offset = 0; offset < total; offset += kChunkBytes) {
-    fingerprints.push_back(ChunkFingerprint(bytes + offset, std::min(kChunkBytes, total - offset)));
-    ++remaining_[BucketOf(fingerprints.back())];
+  if (lookAhead_ != nullptr) {
+    ahead_ = lookAhead_->Take(bytes, total);
+    if (ahead_ != nullptr) fingerprints = std::move(ahead_->fingerprints);
+    lookAhead_->Expect(options_.nextBytes,
+                       static_cast<std::size_t>(std::max(options_.nextCount, 0)));
   }
+  if (fingerprints.empty()) {
+    for (std::size_t offset = 0; offset < total; offset += kChunkBytes) {
+      fingerprints.push_back(
+          ChunkFingerprint(bytes + offset, std::min(kChunkBytes, total - offset)));
+    }
+  }
+  for (const double fingerprint : fingerprints) ++remaining_[BucketOf(fingerprint)];
   for (std::size_t i = 0; i < fingerprints.size(); ++i) {
     if (batched) {
       const std::size_t run = std::min(fingerprints.size() - i, ChunksPerCall());
@@ -70,6 +74,7 @@ bool FileWriter::Run(const unsigned char* bytes, std::int32_t count, std::int32_
       continue;
     }
     const std::size_t offset = i * kChunkBytes;
+    chunk_ = static_cast<std::int32_t>(i);
     std::int32_t touched = 0;
     if (!AddChunk(fileId, bytes + offset, std::min(kChunkBytes, total - offset), fingerprints[i],
                   touched)) {
@@ -77,7 +82,7 @@ bool FileWriter::Run(const unsigned char* bytes, std::int32_t count, std::int32_
     }
     if (options_.deferCompression) CompressWhatIsFinished(BucketOf(fingerprints[i]), touched);
   }
-  return WritePending();
+  return WritePending(true);
 }
 
 bool FileWriter::KeepsPrefix(std::int32_t chunks) const {
@@ -106,8 +111,10 @@ bool FileWriter::Fetch(std::int32_t id, std::int32_t chunks, Bytes& data, bool c
                        const CompositeCache::Entry* vouched) {
   // An entry that can stand for the composite's row as the search saw it.
   const auto take = [&](const CompositeCache::Entry* entry) {
-    if (entry == nullptr || entry->plain == nullptr || entry->prefix == nullptr ||
-        entry->chunks != chunks || entry->compressed != compressed) {
+    // (An entry without a stream gave it to work done ahead; its bytes
+    // still stand.)
+    if (entry == nullptr || entry->plain == nullptr || entry->chunks != chunks ||
+        entry->compressed != compressed) {
       return false;
     }
     plain = *entry->plain;
@@ -194,8 +201,11 @@ bool FileWriter::AddChunk(std::int32_t fileId, const unsigned char* chunk, std::
     ++entry.generation;
     entry.chunks = chunks + 1;
     entry.fftRms = composite;
+    entry.sum = sum + fingerprint;
+    entry.lastChunk = chunk_;
     entry.bucket = BucketOf(composite);
     entry.submitted = false;
+    entry.ahead = false;
   } else {
     StoredForm form;
     OdbcStatement* update = session_.Prepared(d_.updateComposite);
@@ -255,6 +265,7 @@ bool FileWriter::AppendChunks(std::int32_t& fileId, const unsigned char* bytes, 
   using C = AppendColumns;
   bool ok = true;
   for (std::size_t i = first; ok && i < first + run; ++i) {
+    chunk_ = static_cast<std::int32_t>(i);
     std::int32_t file = 0;
     std::int32_t id = 0;
     std::int32_t chunksBefore = 0;
@@ -268,8 +279,8 @@ bool FileWriter::AppendChunks(std::int32_t& fileId, const unsigned char* bytes, 
          append->GetDouble(C::kFftRms, composite) && append->GetBinary(C::kData, data_) &&
          append->GetBit(C::kCurrent, current) && append->GetInt32(C::kFileId, file) && file > 0 &&
          (fileId == 0 || file == fileId) &&
-         TakeChunk(bytes + i * kChunkBytes, std::min(kChunkBytes, total - i * kChunkBytes), id,
-                   chunksBefore, compressed, start, composite, data_, current);
+         TakeChunk(bytes + i * kChunkBytes, std::min(kChunkBytes, total - i * kChunkBytes),
+                   fingerprints[i], id, chunksBefore, compressed, start, composite, data_, current);
     if (ok) {
       fileId = file;
       CompressWhatIsFinished(BucketOf(fingerprints[i]), id);
@@ -295,7 +306,7 @@ void FileWriter::OfferKnownVersions() {
   knownVersions_.assign(1, '{');
   for (auto it = offered_.begin(); it != offered_.end();) {
     const CompositeCache::Entry& entry = *it->second;
-    if (entry.version < 0 || entry.plain == nullptr || entry.prefix == nullptr) {
+    if (entry.version < 0 || entry.plain == nullptr) {
       it = offered_.erase(it);
       continue;
     }
@@ -311,11 +322,26 @@ void FileWriter::OfferKnownVersions() {
   knownVersions_ += '}';
 }
 
-bool FileWriter::TakeChunk(const unsigned char* chunk, std::size_t length, std::int32_t id,
-                           std::int32_t chunksBefore, bool compressed, std::int32_t start,
-                           double composite, Bytes& data, bool current) {
+double FileWriter::SumAfter(std::int32_t id, std::int32_t chunksBefore, double fingerprint,
+                            double mean) const {
+  if (chunksBefore == 0) return fingerprint;
+  const LookAhead::State* before = nullptr;
+  if (auto found = states_.find(id); found != states_.end()) {
+    before = &found->second;
+  } else if (lookAhead_ != nullptr) {
+    before = lookAhead_->Find(id);
+  }
+  if (before != nullptr && before->chunks == chunksBefore) return before->sum + fingerprint;
+  return mean * (chunksBefore + 1);  // near: enough for a guess
+}
+
+bool FileWriter::TakeChunk(const unsigned char* chunk, std::size_t length, double fingerprint,
+                           std::int32_t id, std::int32_t chunksBefore, bool compressed,
+                           std::int32_t start, double composite, Bytes& data, bool current) {
   auto pending = pending_.find(id);
+  double sum = 0;
   if (pending == pending_.end()) {
+    sum = SumAfter(id, chunksBefore, fingerprint, composite);
     auto plain = std::make_shared<Bytes>();
     std::shared_ptr<const GzipPrefix> prefix;
     const CompositeCache::Entry* vouched = nullptr;
@@ -333,9 +359,12 @@ bool FileWriter::TakeChunk(const unsigned char* chunk, std::size_t length, std::
     pending = pending_.emplace(id, Pending{}).first;
     pending->second.plain = std::move(plain);
     pending->second.prefix = std::move(prefix);
-  } else if (pending->second.plain.use_count() > 1) {
-    // A background job still reads these bytes: append to a copy.
-    pending->second.plain = std::make_shared<Bytes>(*pending->second.plain);
+  } else {
+    sum = pending->second.sum + fingerprint;
+    if (pending->second.plain.use_count() > 1) {
+      // A background job still reads these bytes: append to a copy.
+      pending->second.plain = std::make_shared<Bytes>(*pending->second.plain);
+    }
   }
   Bytes& plain = *pending->second.plain;
   // The database counted the composite's bytes from its chunk rows; they
@@ -350,8 +379,11 @@ bool FileWriter::TakeChunk(const unsigned char* chunk, std::size_t length, std::
   ++entry.generation;
   entry.chunks = chunksBefore + 1;
   entry.fftRms = composite;
+  entry.sum = sum;
+  entry.lastChunk = chunk_;
   entry.bucket = BucketOf(composite);
   entry.submitted = false;
+  entry.ahead = false;
   return true;
 }
 
@@ -379,6 +411,8 @@ bool FileWriter::NewComposite(std::int32_t fileId, const unsigned char* chunk, s
     entry.generation = 1;
     entry.chunks = 1;
     entry.fftRms = fingerprint;
+    entry.sum = fingerprint;
+    entry.lastChunk = chunk_;
     entry.bucket = BucketOf(fingerprint);
   }
   return InsertChunk(fileId, 1, id, 1, length, fingerprint) && WritePendingIfLarge();
@@ -407,7 +441,11 @@ void FileWriter::CompressWhatIsFinished(int bucket, std::int32_t touched) {
     return false;
   };
   const auto consider = [&](std::int32_t id, Pending& entry) {
-    if (entry.submitted || reachable(entry.bucket)) return;
+    if (entry.submitted || entry.ahead || reachable(entry.bucket)) return;
+    if (ComputedAhead(entry)) {
+      entry.ahead = true;  // its result is (being) computed already
+      return;
+    }
     entry.submitted = compressor_.Submit(id, entry.generation, entry.plain, entry.prefix,
                                          KeepsPrefix(entry.chunks), entry.streamWithJob);
     entry.streamWithJob = entry.streamWithJob || entry.submitted;
@@ -423,8 +461,49 @@ bool FileWriter::WritePendingIfLarge() {
   return pendingBytes_ <= options_.deferredBytesLimit || WritePending();
 }
 
-bool FileWriter::WritePending() {
-  if (pending_.empty()) return true;
+bool FileWriter::ComputedAhead(const Pending& entry) const {
+  if (ahead_ == nullptr) return false;
+  auto found = ahead_->predicted.find(entry.lastChunk);
+  return found != ahead_->predicted.end() && *found->second == *entry.plain;
+}
+
+void FileWriter::StartNext(std::unordered_map<std::int32_t, LookAhead::Written>& written) {
+  // Composites written earlier in this file (their entries go to the cache
+  // at the commit) are offered too.
+  std::vector<std::int32_t> earlier;
+  for (const auto& [id, entry] : written_) {
+    if (entry != nullptr && written.count(id) == 0) {
+      written.emplace(id, LookAhead::Written{entry->plain, entry->prefix});
+      earlier.push_back(id);
+    }
+  }
+  lookAhead_->Prepare(states_, written, cache_, options_.nextBytes,
+                      static_cast<std::size_t>(std::max(options_.nextCount, 0)));
+  prepared_ = true;
+  for (const std::int32_t id : earlier) {
+    std::shared_ptr<const CompositeCache::Entry>& entry = written_[id];
+    if (written[id].prefix == nullptr && entry->prefix != nullptr) {
+      auto stripped = std::make_shared<CompositeCache::Entry>(*entry);
+      stripped->prefix = nullptr;  // the look-ahead took the stream
+      entry = std::move(stripped);
+    }
+  }
+}
+
+bool FileWriter::WritePending(bool last) {
+  // Without composites to write, the next file is still looked at.
+  if (pending_.empty()) {
+    if (last && lookAhead_ != nullptr) {
+      std::unordered_map<std::int32_t, LookAhead::Written> none;
+      StartNext(none);
+    }
+    return true;
+  }
+  if (ahead_ != nullptr && !aheadDone_) {
+    // Takes part in what is left of it.
+    aheadResults_ = ahead_->compressor->Drain();
+    aheadDone_ = true;
+  }
   std::map<std::int32_t, BackgroundCompressor::Result> done = compressor_.Drain();
   std::vector<const Bytes*> plains;
   std::vector<std::shared_ptr<const GzipPrefix>> prefixes;
@@ -433,8 +512,14 @@ bool FileWriter::WritePending() {
   std::size_t i = 0;
   for (auto& [id, entry] : pending_) {
     auto result = done.find(id);
-    if (result != done.end() && result->second.ok &&
-        result->second.generation == entry.generation) {
+    auto ahead = aheadResults_.find(entry.lastChunk);
+    const bool computedAhead =
+        ahead != aheadResults_.end() && ahead->second.ok && *ahead->second.plain == *entry.plain;
+    if (ahead_ != nullptr) lookAhead_->Count(computedAhead);
+    if (computedAhead) {
+      chosen[i] = &ahead->second.form;
+    } else if (result != done.end() && result->second.ok &&
+               result->second.generation == entry.generation) {
       chosen[i] = &result->second.form;
     } else {
       plains.push_back(entry.plain.get());
@@ -460,7 +545,43 @@ bool FileWriter::WritePending() {
     writes.push_back({id, chosen[i] != nullptr ? chosen[i] : &forms[fresh++], &entry});
     ++i;
     if (cache_ != nullptr) written_[id] = nullptr;  // touched, whatever happens next
+    states_[id] = {entry.chunks, entry.fftRms, entry.sum};
   }
+  // The streams kept for later appends.
+  std::vector<std::shared_ptr<const GzipPrefix>> kept(writes.size());
+  if (cache_ != nullptr) {
+    for (std::size_t w = 0; w < writes.size(); ++w) kept[w] = writes[w].form->TakePrefix();
+  }
+  // Composites that can still grow: remembered after the commit, with their
+  // stream unless the look-ahead took it.
+  std::vector<bool> keptAny(writes.size());
+  for (std::size_t w = 0; w < writes.size(); ++w) keptAny[w] = kept[w] != nullptr;
+  // The next file's guess, which starts its compression, runs beside this
+  // file's writes on a thread of its own when they wait for a database
+  // server (SQLite's writes are this thread's own work: there the guess
+  // would only compete for the processor). It touches written_, states_
+  // and the look-ahead, which nothing here touches before it is joined.
+  std::unordered_map<std::int32_t, LookAhead::Written> written;
+  std::thread guessing;
+  const bool guess = last && lookAhead_ != nullptr;
+  if (guess) {
+    for (std::size_t w = 0; w < writes.size(); ++w) {
+      written[writes[w].id] = {writes[w].entry->plain, std::move(kept[w])};
+    }
+    if (d_.engine != Engine::kSqlite) {
+      try {
+        guessing = std::thread([this, &written] { StartNext(written); });
+      } catch (const std::system_error&) {
+      }
+    }
+    if (!guessing.joinable()) StartNext(written);
+  }
+  struct Joiner {
+    std::thread& thread;
+    ~Joiner() {
+      if (thread.joinable()) thread.join();
+    }
+  } joiner{guessing};
   // With the counts, fingerprints as text (the parameters point into it).
   std::vector<std::string> fftTexts;
   if (d_.dataWritesSetCounts) {
@@ -533,16 +654,23 @@ bool FileWriter::WritePending() {
       if (!update->Execute() || !ReadVersions(d_, update, versions_)) return false;
     }
   }
+  if (guess) {
+    if (guessing.joinable()) guessing.join();
+    // What the guess left of the streams (a taken one: null).
+    for (std::size_t w = 0; w < writes.size(); ++w) {
+      kept[w] = std::move(written[writes[w].id].prefix);
+    }
+  }
   if (cache_ != nullptr) {
-    for (const Write& w : writes) {
-      std::unique_ptr<GzipPrefix> kept = w.form->TakePrefix();
-      if (kept == nullptr) continue;
+    for (std::size_t k = 0; k < writes.size(); ++k) {
+      const Write& w = writes[k];
+      if (!keptAny[k]) continue;
       auto known = std::make_shared<CompositeCache::Entry>();
       known->plain = w.entry->plain;
       known->stored.assign(w.form->bytes(), w.form->bytes() + w.form->count());
       known->compressed = w.form->compressed();
       known->chunks = w.entry->chunks;
-      known->prefix = std::move(kept);
+      known->prefix = std::move(kept[k]);
       if (auto version = versions_.find(w.id); version != versions_.end()) {
         known->version = version->second;
       }

@@ -17,6 +17,7 @@
 #include "store/background_compressor.h"
 #include "store/composite_cache.h"
 #include "store/file_store.h"
+#include "store/look_ahead.h"
 #include "store/odbc_connection.h"
 #include "store/session_pool.h"
 #include "store/sql_dialect.h"
@@ -32,6 +33,10 @@ namespace zelvarpack::store {
 // remaining chunks are matched. A guess that proves wrong costs a second
 // compression, never a wrong byte: a composite touched again is compressed
 // again.
+//
+// With a LookAhead (store/look_ahead.h), a file's composites may have been
+// compressed while the previous file was being written and committed; the
+// file's final writes in turn start the next file's.
 class FileWriter {
  public:
   FileWriter(Session& session, const Dialect& d, const StoreOptions& options);
@@ -64,7 +69,22 @@ class FileWriter {
     // A background job was given this composite: the stream to continue
     // is the one its latest job keeps.
     bool streamWithJob = false;
+    // The file's last chunk appended to it (the look-ahead's key).
+    std::int32_t lastChunk = -1;
+    // The sum of its chunks' fingerprints (exact when the whole sequence of
+    // additions is known here, else near).
+    double sum = 0;
+    // The bytes now are the bytes compressed ahead for this file.
+    bool ahead = false;
   };
+
+  // Whether the work done ahead has compressed exactly `entry`'s bytes.
+  bool ComputedAhead(const Pending& entry) const;
+
+  // A composite's sum of fingerprints once chunk `fingerprint` joined it,
+  // when it had `chunksBefore` chunks before and its mean is now `mean`.
+  double SumAfter(std::int32_t id, std::int32_t chunksBefore, double fingerprint,
+                  double mean) const;
 
   // Whether a stream over a composite of `chunks` chunks is worth keeping
   // for a later append: only with a cache, and only while it can grow.
@@ -112,9 +132,9 @@ class FileWriter {
   // composite's bytes held here; `data` is its stored data when the
   // database sent it; `current`: the database found the composite's row
   // at the version offered for it, and sent no data.
-  bool TakeChunk(const unsigned char* chunk, std::size_t length, std::int32_t id,
-                 std::int32_t chunksBefore, bool compressed, std::int32_t start, double composite,
-                 Bytes& data, bool current);
+  bool TakeChunk(const unsigned char* chunk, std::size_t length, double fingerprint,
+                 std::int32_t id, std::int32_t chunksBefore, bool compressed, std::int32_t start,
+                 double composite, Bytes& data, bool current);
 
   bool NewComposite(std::int32_t fileId, const unsigned char* chunk, std::size_t length,
                     double fingerprint, std::int32_t& id);
@@ -129,9 +149,16 @@ class FileWriter {
 
   bool WritePendingIfLarge();
 
-  // Writes the stored form of every pending composite: the background
-  // result when it is for the composite's last bytes, else compressed now.
-  bool WritePending();
+  // Writes the stored form of every pending composite: the result computed
+  // ahead or the background result when it is for the composite's last
+  // bytes, else compressed now. `last`: the file's final writes, before
+  // which the look-ahead starts on the next file.
+  bool WritePending(bool last = false);
+
+  // Hands the look-ahead this file's composites as it leaves them (those in
+  // `written` as written now, the others as written earlier) and the next
+  // file; the streams it takes over are null in `written` after.
+  void StartNext(std::unordered_map<std::int32_t, LookAhead::Written>& written);
 
   OdbcConnection& db_;
   const Dialect& d_;
@@ -157,6 +184,18 @@ class FileWriter {
   // keep of them after the commit (null: nothing).
   std::map<std::int32_t, std::shared_ptr<const CompositeCache::Entry>> written_;
   bool published_ = false;
+  // The look-ahead across files (null unless deferring with a cache), the
+  // work it did ahead for this file, and that work's results once waited
+  // for; whether this file handed it the next one.
+  LookAhead* const lookAhead_;
+  std::unique_ptr<LookAhead::Ahead> ahead_;
+  std::map<std::int32_t, BackgroundCompressor::Result> aheadResults_;
+  bool aheadDone_ = false;
+  bool prepared_ = false;
+  // Every composite this file touched, as it leaves it.
+  std::map<std::int32_t, LookAhead::State> states_;
+  // The index in the file of the chunk being stored.
+  std::int32_t chunk_ = 0;
   // Declared last: its threads stop before the composites they read go.
   BackgroundCompressor compressor_;
 };

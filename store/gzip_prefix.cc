@@ -2,8 +2,13 @@
 
 #include <zlib.h>
 
+#if defined(__linux__)
+#include <sys/mman.h>
+#endif
+
 #include <algorithm>
 #include <atomic>
+#include <cstdint>
 #include <cstdlib>
 #include <mutex>
 #include <unordered_map>
@@ -31,7 +36,13 @@ constexpr int kGzipWindowBits = 31;
 // Deflate's working memory, about 390 KB per stream at these settings, is
 // allocated anew for every stream copy, and blocks that large come from
 // fresh mappings whose every page faults on first touch. Freed blocks are
-// kept for the next stream instead, up to a bound.
+// kept for the next stream instead, up to a bound. On Linux new blocks are
+// cut from 2 MB-aligned slabs that the kernel may back with huge pages: a
+// store's cache holds hundreds of streams, and first touching their memory
+// page by page was a tenth of the tool's processor time (one fault per
+// 4 KB instead of per 2 MB). Slab blocks are kept whatever the bound (a
+// slab is never returned), so up to 256 MB of slabs stay mapped; past
+// that, blocks come from the heap.
 class BlockPool {
  public:
   static BlockPool& Instance() {
@@ -51,8 +62,12 @@ class BlockPool {
         return block + 1;
       }
     }
-    auto* block = static_cast<Header*>(std::malloc(sizeof(Header) + size));
-    if (block == nullptr) return nullptr;
+    Header* block = FromSlab(size);
+    if (block == nullptr) {
+      block = static_cast<Header*>(std::malloc(sizeof(Header) + size));
+      if (block == nullptr) return nullptr;
+      block->fromSlab = false;
+    }
     block->size = size;
     return block + 1;
   }
@@ -61,7 +76,7 @@ class BlockPool {
     Header* block = static_cast<Header*>(address) - 1;
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      if (kept_ + block->size <= kMaxKept) {
+      if (block->fromSlab || kept_ + block->size <= kMaxKept) {
         free_[block->size].push_back(block);
         kept_ += block->size;
         return;
@@ -73,8 +88,49 @@ class BlockPool {
  private:
   struct alignas(16) Header {
     std::size_t size;
+    bool fromSlab;
   };
   static constexpr std::size_t kMaxKept = std::size_t{64} << 20;
+  static constexpr std::size_t kHugePage = std::size_t{2} << 20;
+  static constexpr std::size_t kSlab = std::size_t{32} << 20;
+
+  // A new block from the current slab (a new slab when it is used up), or
+  // null where there are no slabs.
+  Header* FromSlab(std::size_t size) {
+#if defined(__linux__)
+    const std::size_t bytes = (sizeof(Header) + size + 63) / 64 * 64;
+    if (bytes > kSlab) return nullptr;
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (slab_ == nullptr || slabUsed_ + bytes > kSlab) {
+      if (slabs_ == kMaxSlabs) return nullptr;  // past the bound: the heap's
+      void* mapped = ::mmap(nullptr, kSlab + kHugePage, PROT_READ | PROT_WRITE,
+                            MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+      if (mapped == MAP_FAILED) return nullptr;
+      // The aligned part is used; the rest is given back.
+      const auto start = reinterpret_cast<std::uintptr_t>(mapped);
+      const std::uintptr_t aligned = (start + kHugePage - 1) / kHugePage * kHugePage;
+      if (aligned > start) ::munmap(mapped, aligned - start);
+      if (aligned + kSlab < start + kSlab + kHugePage) {
+        ::munmap(reinterpret_cast<void*>(aligned + kSlab), start + kHugePage - aligned);
+      }
+      slab_ = reinterpret_cast<unsigned char*>(aligned);
+      ::madvise(slab_, kSlab, MADV_HUGEPAGE);
+      slabUsed_ = 0;
+      ++slabs_;
+    }
+    auto* block = reinterpret_cast<Header*>(slab_ + slabUsed_);
+    slabUsed_ += bytes;
+    block->fromSlab = true;
+    return block;
+#else
+    (void)size;
+    return nullptr;
+#endif
+  }
+  static constexpr int kMaxSlabs = 8;  // 256 MB
+  unsigned char* slab_ = nullptr;      // guarded by mutex_
+  int slabs_ = 0;                      // guarded by mutex_
+  std::size_t slabUsed_ = 0;           // guarded by mutex_
   std::mutex mutex_;
   std::unordered_map<std::size_t, std::vector<Header*>> free_;  // guarded by mutex_
   std::size_t kept_ = 0;                                        // guarded by mutex_
@@ -161,6 +217,11 @@ bool GzipPrefix::Finish(std::shared_ptr<const GzipPrefix> prefix, const unsigned
                         std::size_t count, std::vector<unsigned char>& gzip,
                         std::unique_ptr<GzipPrefix>* next) {
   if (prefix == nullptr) return false;
+#if defined(__SANITIZE_THREAD__)
+  // ThreadSanitizer does not model fences (and GCC refuses them under it):
+  // there the stream is always copied, which gives the same output.
+  return prefix->Finish(bytes, count, gzip, next);
+#else
   if (prefix.use_count() != 1) return prefix->Finish(bytes, count, gzip, next);
   // The only owner: no other thread holds the stream or can obtain it. The
   // fence pairs with the release of the owners' count by the last of the
@@ -171,6 +232,7 @@ bool GzipPrefix::Finish(std::shared_ptr<const GzipPrefix> prefix, const unsigned
   // mutable); const only kept shared owners from changing them.
   auto& work = const_cast<GzipPrefix&>(*prefix);
   return Continue(work, bytes, count, gzip, next);
+#endif
 }
 
 bool GzipPrefix::Compress(const unsigned char* bytes, std::size_t count,

@@ -8,12 +8,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "store/file_store.h"
+#include "store/look_ahead.h"
 #include "store/session_pool.h"
 #include "tools/cli.h"
 
@@ -64,6 +66,8 @@ Options ParseOptions(Arguments& args, bool takesOutput) {
   return options;
 }
 
+bool IsStandardInput(const std::string& path) { return path.empty() || path == "-"; }
+
 class ProgressBar {
  public:
   ProgressBar(std::size_t files, std::uint64_t bytes)
@@ -107,9 +111,40 @@ int RunStoreAdd(Arguments& args) {
   storeOptions.cache = &cache;
   store::SessionPool sessions;
   storeOptions.sessions = &sessions;
+  // Each file is read before the one before it is stored, so that the store
+  // compresses it while that one's writes and commit are with the database.
+  // A file that cannot be read stops the command when its turn comes, as
+  // it would unread.
+  store::LookAhead lookAhead;
+  storeOptions.lookAhead = &lookAhead;
+  std::string buffers[2];
+  std::exception_ptr unreadable[2];
+  const auto readInto = [&](std::size_t i) {
+    const std::size_t slot = i % 2;
+    unreadable[slot] = nullptr;
+    try {
+      buffers[slot] = zelvarpack::cli::ReadInput(options.operands[i]);
+    } catch (...) {
+      buffers[slot].clear();
+      unreadable[slot] = std::current_exception();
+    }
+  };
+  readInto(0);
   for (std::size_t i = 0; i < options.operands.size(); ++i) {
     const std::string& path = options.operands[i];
-    const std::string bytes = zelvarpack::cli::ReadInput(path);
+    if (unreadable[i % 2] != nullptr) std::rethrow_exception(unreadable[i % 2]);
+    const std::string& bytes = buffers[i % 2];
+    storeOptions.nextBytes = nullptr;
+    storeOptions.nextCount = 0;
+    // Standard input is read in its turn.
+    if (i + 1 < options.operands.size() && !IsStandardInput(options.operands[i + 1])) {
+      readInto(i + 1);
+      if (unreadable[(i + 1) % 2] == nullptr) {
+        const std::string& next = buffers[(i + 1) % 2];
+        storeOptions.nextBytes = reinterpret_cast<const unsigned char*>(next.data());
+        storeOptions.nextCount = static_cast<std::int32_t>(next.size());
+      }
+    }
     std::string error;
     const std::int32_t id =
         store::StoreFile(options.connection, reinterpret_cast<const unsigned char*>(bytes.data()),
@@ -124,6 +159,9 @@ int RunStoreAdd(Arguments& args) {
     }
     done += bytes.size();
     progress.Update(i + 1, done);
+    if (i + 1 < options.operands.size() && IsStandardInput(options.operands[i + 1])) {
+      readInto(i + 1);
+    }
   }
   return status;
 }
